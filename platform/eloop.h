@@ -1,0 +1,25 @@
+#pragma once
+// Event loop service: read sockets and one-shot timeouts, one thread.
+// Equal expiry times run in the order they were registered. Handlers may
+// register or cancel sockets and timeouts, themselves included.
+
+typedef void (*vk_eloop_sock_handler)(int sock, void *eloop_ctx, void *sock_ctx);
+typedef void (*vk_eloop_timeout_handler)(void *eloop_ctx, void *user_ctx);
+
+// A context of VK_ELOOP_ANY matches any context when cancelling.
+#define VK_ELOOP_ANY ((void *)-1)
+
+// Prepares the loop; user_data is unused. Returns 0, or -1 when it cannot.
+int vk_eloop_init(void *user_data);
+// Calls handler(sock, eloop_ctx, sock_ctx) each time sock is readable. 0 or -1.
+int vk_eloop_register_read_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
+                                void *sock_ctx);
+void vk_eloop_unregister_read_sock(int sock);
+// One-shot: handler(eloop_ctx, user_ctx) once, secs + usecs from now. 0 or -1.
+int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs,
+                              vk_eloop_timeout_handler handler, void *eloop_ctx, void *user_ctx);
+// Removes every pending timeout of handler whose contexts match; returns how many.
+int vk_eloop_cancel_timeout(vk_eloop_timeout_handler handler, void *eloop_ctx, void *user_ctx);
+// Runs callbacks until vk_eloop_terminate() is called or SIGTERM/SIGINT arrives.
+void vk_eloop_run(void);
+void vk_eloop_terminate(void);

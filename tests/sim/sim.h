@@ -1,0 +1,106 @@
+#pragma once
+// The simulated platform: a virtual clock, in-memory UDP and IPC, captured
+// syslog, fixed node information. Linked into test binaries in place of
+// platform/linux, so every timer of the daemon runs in virtual time.
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/eloop.h"
+
+namespace sim {
+
+// Everything back to its start: clock 0, no sockets, no timeouts, nothing
+// captured, node information and uptime at their defaults, no failures armed.
+void reset();
+
+// Virtual time in microseconds since reset().
+uint64_t now_us();
+// Runs the world for us microseconds: handles every readable socket (UDP and
+// IPC, in injection order) and every timeout due, in time order, advancing the
+// clock to each timeout's expiry; ends with the clock at start + us.
+void run_for(uint64_t us);
+inline void run_for_ms(uint64_t ms) { run_for(ms * 1000); }
+// Handles readable sockets and timeouts due now, without advancing the clock.
+void settle();
+// Number of pending timeouts, in all or of one handler.
+std::size_t pending_timeouts();
+std::size_t pending_timeouts(vk_eloop_timeout_handler h);
+// Virtual time at which the next timeout of h is due, if any.
+std::optional<uint64_t> next_timeout_of(vk_eloop_timeout_handler h);
+
+// ---- UDP ----
+struct Datagram {
+    uint64_t at_us;          // virtual time of the send
+    uint32_t ip;             // destination (sent) or source (injected), network order
+    uint16_t port;           // host order
+    std::vector<uint8_t> bytes;
+};
+// Every datagram the daemon sent, oldest first.
+const std::vector<Datagram> &udp_sent();
+void udp_clear_sent();
+// Queues a datagram for the daemon's UDP socket (the one bound to 6650). It is
+// read at the next settle()/run_for(). Dropped when no such socket is open.
+void udp_inject(uint32_t from_ip_net, std::vector<uint8_t> bytes, uint16_t from_port = 6650);
+// Datagrams injected but not yet read by the daemon.
+std::size_t udp_pending();
+// Whether a UDP socket is open, and the port it is bound to (0 if none).
+bool udp_open();
+uint16_t udp_bound_port();
+// Makes the next socket() or bind() fail with the given errno (0 disarms).
+void udp_fail_socket(int err);
+void udp_fail_bind(int err);
+// Makes every sendto fail with err (0: sends succeed). Failed sends are not captured.
+void udp_fail_send(int err);
+
+// ---- IPC ----
+struct IpcSent {
+    uint64_t at_us;
+    uint32_t kind;           // VK_IPC_KIND_NOTIFY or VK_IPC_KIND_RESP
+    std::string peer;        // destination endpoint path
+    uint32_t type, len, flags;
+    std::vector<uint8_t> payload;  // len bytes
+    bool delivered;          // false when the peer was missing
+};
+// Every IPC message sent by any handle (daemon, sysmon calls), oldest first.
+const std::vector<IpcSent> &ipc_sent();
+void ipc_clear_sent();
+// Queues an envelope (length word = payload size) for the endpoint at path
+// (default the daemon's), from sender path.
+void ipc_inject(uint32_t type, uint32_t flags, std::span<const uint8_t> payload,
+                const std::string &sender = "/vk/ipc/test", const std::string &to = "/vk/ipc/tovrin");
+// Queues raw datagram bytes, whatever they hold (malformed envelopes included).
+void ipc_inject_raw(std::vector<uint8_t> bytes, const std::string &sender = "/vk/ipc/test",
+                    const std::string &to = "/vk/ipc/tovrin");
+// Sends to path fail with ENOENT while missing (recorded with delivered=false).
+void ipc_set_missing(const std::string &path, bool missing);
+// Makes the next vk_ipc_open fail with err (0 disarms).
+void ipc_fail_open(int err);
+// Whether an endpoint is open at path.
+bool ipc_is_open(const std::string &path);
+
+// ---- syslog ----
+struct SyslogLine {
+    uint64_t at_us;
+    int priority;
+    std::string text;
+};
+const std::vector<SyslogLine> &syslog_lines();
+
+// ---- node, clock and uptime ----
+// MAC text handed out by vk_get_node_vap_mac (default "0013a9c0ffee");
+// nullopt makes it fail.
+void node_set_mac(std::optional<std::string> text);
+// Serial number handed out (default "SN-TEST-0001").
+void node_set_serial(const std::string &serial);
+// Uptime reported by sysinfo (default 4242 s; failing when fail is true).
+void set_uptime(long seconds, bool fail = false);
+// Wall-clock seconds at virtual time 0 (default 1700000000); time() and ftime()
+// add the virtual clock to it.
+void set_epoch(int64_t seconds);
+
+}  // namespace sim
