@@ -99,3 +99,8 @@ inline constexpr unsigned tovrin_ip_octet(uint32_t ip_net, int i) {
 }
 #define TOVRIN_IP_ARGS(ip) \
     tovrin_ip_octet((ip), 0), tovrin_ip_octet((ip), 1), tovrin_ip_octet((ip), 2), tovrin_ip_octet((ip), 3)
+
+// The address as a number whose most significant byte is the first octet.
+#define TOVRIN_IP_OCTETS_AS_U32(ip)                                                     \
+    ((tovrin_ip_octet((ip), 0) << 24) | (tovrin_ip_octet((ip), 1) << 16) |             \
+     (tovrin_ip_octet((ip), 2) << 8) | tovrin_ip_octet((ip), 3))

@@ -1,1 +1,68 @@
-// placeholder
+#include "session/registration.h"
+
+#include <cstring>
+
+#include "core/log_rule.h"
+#include "link/record.h"
+#include "platform/eloop.h"
+#include "platform/os.h"
+#include "session/keepalive.h"
+#include "session/link_status.h"
+#include "session/uptime.h"
+
+void tovrin_send_registration(void * /*eloop_ctx*/, void * /*user_ctx*/) {
+    static constexpr const char *fn = "tovrin_send_registration";
+    tovrin_link_t &g = tovrin_gbl;
+    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s sock %d ip %8x\n", fn, g.sock,
+               (TOVRIN_IP_OCTETS_AS_U32(g.drav_ip)));
+
+    uint8_t req[TOVRIN_REG_REQ_LEN] = {};
+    tovrin_hdr_t h = tovrin_hdr_make(TOVRIN_F_CTRL | TOVRIN_F_DATA);
+    h.data_len = TOVRIN_REG_LEN;
+    tovrin_hdr_encode(h, std::span<uint8_t, TOVRIN_HDR_LEN>(req, TOVRIN_HDR_LEN));
+    uint8_t *p = req + TOVRIN_HDR_LEN;
+    p[0] = TOVRIN_CTRL_REGISTER;
+    tovrin_store16(p + 2, TOVRIN_REG_LEN);
+    std::memcpy(p + 4, g.serial_num, TOVRIN_SERIAL_LEN);
+    tovrin_store32(p + 20, tovrin_uptime(fn));
+    std::memcpy(p + 24, g.vap_mac, TOVRIN_MAC_LEN);
+    p[30] = static_cast<uint8_t>(g.reg_param);
+    p[31] = static_cast<uint8_t>(g.name_len);
+    std::memcpy(p + 32, g.name, TOVRIN_NAME_LEN);
+    tovrin_store32(p + 96, g.ka_rate);
+    tovrin_store32(p + 100, g.reg_extra);
+
+    g.peer_addr.sin_addr.s_addr = g.drav_ip;
+    if (g.drav_ip == 0) {
+        TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Controller not configured\n", fn);
+        return;
+    }
+    if (g.sock < 0) {
+        TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Failed to send, socket %d not open\n", fn, g.sock);
+        return;
+    }
+    vk_os_sendto(g.sock, req, sizeof req, MSG_DONTWAIT, reinterpret_cast<const sockaddr *>(&g.peer_addr),
+                 sizeof g.peer_addr);
+    int32_t next = g.reg_interval * 2;
+    g.reg_interval = next <= TOVRIN_REG_INTERVAL_MAX ? next : TOVRIN_REG_INTERVAL_MAX;
+    vk_eloop_register_timeout(0, static_cast<unsigned>(g.reg_interval) * 1000u, tovrin_send_registration,
+                              nullptr, nullptr);
+    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s\n", fn);
+}
+
+void tovrin_register(const uint8_t * /*pkt*/) {
+    static constexpr const char *fn = "tovrin_register";
+    tovrin_link_t &g = tovrin_gbl;
+    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s: Recv reg resp\n", fn);
+    if (g.status != 0) {
+        TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Ignoring a reg response since UP\n", fn);
+        return;
+    }
+    vk_eloop_cancel_timeout(tovrin_send_registration, VK_ELOOP_ANY, VK_ELOOP_ANY);
+    g.status = 1;
+    g.ka_miss_cnt = 0;
+    tovrin_send_keepalive(nullptr, nullptr);
+    tovrin_send_status(&g);
+    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Processed reg resp using dravip %u.%u.%u.%u\n", fn,
+               TOVRIN_IP_ARGS(g.drav_ip));
+}
