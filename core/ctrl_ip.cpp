@@ -11,7 +11,9 @@
 
 namespace {
 constexpr char kName[] = "Testserver";
-constexpr int kMacTextLen = 13;  // twelve digits and a NUL
+// Room for the form with colons too (seventeen characters and a NUL); the
+// plain form is twelve digits and a NUL.
+constexpr int kMacTextLen = 18;
 
 int hex_digit(char c) {
     if (c >= '0' && c <= '9') return c - '0';
@@ -50,7 +52,7 @@ int tovrin_proc_set_ctrl_ip(const uint8_t *payload) {
     tovrin_gbl.reg_extra = 0;
     tovrin_gbl.name_len = static_cast<int32_t>(std::strlen(tovrin_gbl.name) + 1);
 
-    char mac_text[16] = {};
+    char mac_text[24] = {};
     int rc = vk_get_node_vap_mac(0, mac_text, kMacTextLen);
     // The platform may hand back more than it was allowed: never look past it.
     std::size_t mac_len = strnlen(mac_text, kMacTextLen);

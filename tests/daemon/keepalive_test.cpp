@@ -1,0 +1,175 @@
+// Keepalives, the rate table and link loss, in virtual time.
+#include <cstring>
+
+#include "core/ipc_codes.h"
+#include "session/keepalive.h"
+#include "world.h"
+
+namespace {
+
+std::vector<uint8_t> rate_req(int32_t app, uint32_t rate) {
+    std::vector<uint8_t> p(8);
+    std::memcpy(p.data(), &app, 4);
+    std::memcpy(p.data() + 4, &rate, 4);
+    return p;
+}
+
+using Table = std::vector<std::pair<int32_t, uint32_t>>;
+
+Table table() {
+    Table t;
+    for (const auto &s : ka_rate_arr)
+        if (s.app_id != -1) t.emplace_back(s.app_id, s.rate);
+    return t;
+}
+
+}  // namespace
+
+class Keepalive : public World {
+protected:
+    void karate(int32_t app, uint32_t rate) { notify(TOVRIN_IPC_KARATE, rate_req(app, rate)); }
+};
+
+TEST_F(Keepalive, RequestIsByteExact) {
+    sim::node_set_mac("00:a0:b1:c2:d3:e4");
+    sim::node_set_serial("SERIAL");
+    sim::set_uptime(77);
+    bring_up();
+    auto ka = sent_with_payload_type(TOVRIN_CTRL_KEEPALIVE);
+    ASSERT_EQ(ka.size(), 1u);
+    EXPECT_EQ(hex(ka[0].bytes),
+              "010c0024deadfeeda0000000"
+              "20000024"
+              "53455249414c00000000000000000000"
+              "0000004d"
+              "00a0b1c2d3e4"
+              "0000"
+              "00001388");
+}
+
+TEST_F(Keepalive, AnsweredEverySecondTickTheLinkStaysUp) {
+    bring_up();
+    for (int i = 0; i < 30; ++i) {
+        sim::run_for(2 * kSec);
+        from_ctrl(ka_response());
+    }
+    EXPECT_EQ(tovrin_gbl.status, 1);
+    EXPECT_EQ(times_of(TOVRIN_CTRL_KEEPALIVE).size(), 61u);
+    EXPECT_EQ(tovrin_gbl.status_msg_id, 61u);
+}
+
+TEST_F(Keepalive, ThreeUnansweredTakeTheLinkDownAtTheFourthTick) {
+    bring_up();
+    sim::run_for(500 * kMs);
+    from_ctrl(ka_response());
+    for (int i = 0; i < 5; ++i) {  // answered until 5.5 s
+        sim::run_for(kSec);
+        from_ctrl(ka_response());
+    }
+    sim::run_for(10 * kSec);
+    // Sent at 0..8 s; the tick at 9 s (fourth after the response) takes it down.
+    std::vector<uint64_t> want;
+    for (uint64_t s = 0; s <= 8; ++s) want.push_back(s * kSec);
+    EXPECT_EQ(times_of(TOVRIN_CTRL_KEEPALIVE), want);
+    EXPECT_EQ(tovrin_gbl.status, 0);
+    EXPECT_EQ(sim::pending_timeouts(tovrin_send_keepalive), 0u);
+    ASSERT_EQ(sim::syslog_lines().size(), 2u);
+    EXPECT_EQ(sim::syslog_lines()[1].text, "AP-Ctrl Tunl Status DOWN CtrlIP 198.18.0.1");
+    EXPECT_EQ(sim::syslog_lines()[1].at_us, 9 * kSec);
+    EXPECT_TRUE(logged("DBG: <<tovrin_send_keepalive AP Comm status down\n"));
+}
+
+TEST_F(Keepalive, ResponseCountsWhateverTheLinkState) {
+    set_controller();
+    tovrin_gbl.ka_miss_cnt = 2;
+    from_ctrl(ka_response());
+    EXPECT_EQ(tovrin_gbl.ka_miss_cnt, 0u);
+    from_ctrl(ka_response(35, 36));
+    EXPECT_TRUE(logged("NOTE: <<tovrin_recv_ctrl: incorrect keepalive len 35\n"));
+}
+
+TEST_F(Keepalive, RateTableStaysSortedWithUsedSlotsFirst) {
+    karate(7, 3000);
+    EXPECT_EQ(table(), (Table{{7, 3000}}));
+    EXPECT_EQ(tovrin_gbl.ka_rate, 3000u);
+    karate(9, 1000);
+    karate(5, 2000);
+    EXPECT_EQ(table(), (Table{{9, 1000}, {5, 2000}, {7, 3000}}));
+    EXPECT_EQ(tovrin_gbl.ka_rate, 1000u);
+    karate(9, 4000);
+    EXPECT_EQ(table(), (Table{{5, 2000}, {7, 3000}, {9, 4000}}));
+    EXPECT_EQ(tovrin_gbl.ka_rate, 2000u);
+    karate(5, 0);
+    EXPECT_EQ(table(), (Table{{7, 3000}, {9, 4000}}));
+    EXPECT_EQ(tovrin_gbl.ka_rate, 3000u);
+    EXPECT_TRUE(logged("DBG: tovrin_proc_karate: Removed for appid 5\n"));
+    karate(8, 0);
+    EXPECT_TRUE(logged("NOTE: <<tovrin_proc_karate: No rate set for appid 8\n"));
+    EXPECT_EQ(tovrin_gbl.ka_rate, 3000u);
+    karate(7, 0);
+    karate(9, 0);
+    EXPECT_TRUE(table().empty());
+    EXPECT_EQ(tovrin_gbl.ka_rate, 5000u);
+    EXPECT_TRUE(logged("INFO: <<tovrin_proc_karate: Update keepalive rate to 5000\n"));
+    EXPECT_TRUE(logged("INFO: >>tovrin_proc_karate: Update keepalive rate app 9 to 0\n"));
+}
+
+TEST_F(Keepalive, EqualRatesKeepArrivalOrderAndAFullTableRefusesMore) {
+    karate(1, 2000);
+    karate(2, 2000);
+    karate(3, 2000);
+    EXPECT_EQ(table(), (Table{{1, 2000}, {2, 2000}, {3, 2000}}));
+    for (int32_t app = 4; app <= 10; ++app) karate(app, 9000 - static_cast<uint32_t>(app));
+    Table full = table();
+    ASSERT_EQ(full.size(), 10u);
+    karate(11, 500);
+    EXPECT_EQ(table(), full);
+    EXPECT_EQ(tovrin_gbl.ka_rate, 2000u);
+}
+
+TEST_F(Keepalive, RatesOutOfBoundsAndTheFreeMarkerAreRefused) {
+    karate(4, 3000);
+    const std::pair<int32_t, uint32_t> refused[] = {{5, 99}, {5, 3600001}, {5, 21474837}, {5, 0xffffffff}, {-1, 1000}};
+    for (auto [app, rate] : refused) {
+        SCOPED_TRACE(rate);
+        karate(app, rate);
+        EXPECT_EQ(table(), (Table{{4, 3000}}));
+        EXPECT_EQ(tovrin_gbl.ka_rate, 3000u);
+    }
+    EXPECT_EQ(log_count("outside 100..3600000, ignored"), 4);
+    EXPECT_TRUE(logged("Invalid appid -1, ignored"));
+    karate(5, 100);
+    karate(6, 3600000);
+    EXPECT_EQ(table(), (Table{{5, 100}, {4, 3000}, {6, 3600000}}));
+}
+
+TEST_F(Keepalive, ShorterRateRestartsTheTimerOnlyWhileUp) {
+    karate(7, 3000);  // down: no keepalive, no timer
+    EXPECT_TRUE(sent_with_payload_type(TOVRIN_CTRL_KEEPALIVE).empty());
+    EXPECT_EQ(sim::pending_timeouts(tovrin_send_keepalive), 0u);
+    karate(7, 0);
+    bring_up();  // ka_rate 5000 from the empty table: ticks of 1 s
+    sim::run_for(300 * kMs);
+    from_ctrl(ka_response());
+    karate(7, 3000);  // at 0.3 s: shorter, so a keepalive now and every 600 ms
+    sim::run_for(kSec);
+    std::vector<uint64_t> t = times_of(TOVRIN_CTRL_KEEPALIVE);
+    ASSERT_GE(t.size(), 3u);
+    EXPECT_EQ(t[0], 0u);
+    EXPECT_EQ(t[1], 300 * kMs);
+    EXPECT_EQ(t[2], 900 * kMs);
+    EXPECT_EQ(sim::pending_timeouts(tovrin_send_keepalive), 1u);
+    // A longer rate does not restart: the pending tick runs out on the old period.
+    uint64_t next = *sim::next_timeout_of(tovrin_send_keepalive);
+    karate(8, 1);  // refused, no effect
+    karate(7, 4000);
+    EXPECT_EQ(*sim::next_timeout_of(tovrin_send_keepalive), next);
+}
+
+TEST_F(Keepalive, SocketSetUpTakesTheRateOfTheFirstSlot) {
+    karate(3, 2000);
+    set_controller();
+    EXPECT_EQ(tovrin_gbl.ka_rate, 2000u);
+    auto req = sent_with_payload_type(TOVRIN_CTRL_REGISTER).at(0);
+    EXPECT_EQ(hex({req.bytes.end() - 8, req.bytes.end() - 4}), "000007d0");
+}

@@ -1,0 +1,140 @@
+// Controller address, socket set-up and registration, in virtual time.
+#include <cstring>
+
+#include "core/ctrl_ip.h"
+#include "core/ipc_codes.h"
+#include "link/socket.h"
+#include "session/registration.h"
+#include "world.h"
+
+namespace {
+
+std::vector<uint64_t> secs(std::initializer_list<uint64_t> s) {
+    std::vector<uint64_t> v;
+    for (uint64_t x : s) v.push_back(x * kSec);
+    return v;
+}
+
+}  // namespace
+
+using Registration = World;
+
+TEST_F(Registration, RequestIsByteExact) {
+    sim::node_set_mac("00a0b1c2d3e4");
+    sim::node_set_serial("SN0123456789ABCD");
+    sim::set_uptime(0x01020304);
+    set_controller();
+    auto reqs = sent_with_payload_type(TOVRIN_CTRL_REGISTER);
+    ASSERT_EQ(reqs.size(), 1u);
+    EXPECT_EQ(reqs[0].ip, kCtrl);
+    EXPECT_EQ(reqs[0].port, TOVRIN_PORT);
+    const std::string name = "54657374736572766572" + std::string(54 * 2, '0');  // "Testserver", NULs
+    const std::string expect =
+        "010c0068deadfeeda0000000"            // frame: v1, 12, 104, magic, flags 0xa0
+        "1f000068"                            // type 0x1f, length 104
+        "534e30313233343536373839414243 44"   // serial, 16 bytes
+        "01020304"                            // uptime
+        "00a0b1c2d3e4"                        // MAC
+        "000b" +                              // reg_param, name_len 11
+        name +                                // name, 64 bytes
+        "00001388"                            // ka_rate 5000
+        "00000000";                           // reg_extra
+    EXPECT_EQ(hex(reqs[0].bytes), hex(unhex(expect)));
+    EXPECT_EQ(reqs[0].bytes.size(), TOVRIN_REG_REQ_LEN);
+}
+
+TEST_F(Registration, UptimeFailureStillSendsWithZero) {
+    sim::set_uptime(0, true);
+    set_controller();
+    auto reqs = sent_with_payload_type(TOVRIN_CTRL_REGISTER);
+    ASSERT_EQ(reqs.size(), 1u);
+    EXPECT_EQ(hex({reqs[0].bytes.begin() + 32, reqs[0].bytes.begin() + 36}), "00000000");
+    EXPECT_TRUE(logged("NOTE: tovrin_send_registration: Failed to get uptime.\n"));
+}
+
+TEST_F(Registration, BacksOffFromOneSecondToSixteen) {
+    set_controller();
+    sim::run_for(63 * kSec);
+    EXPECT_EQ(times_of(TOVRIN_CTRL_REGISTER), secs({0, 1, 3, 7, 15, 31, 47, 63}));
+    EXPECT_EQ(tovrin_gbl.reg_interval, 16000);
+}
+
+TEST_F(Registration, ResponseStopsRetriesAndBringsTheLinkUp) {
+    set_controller();
+    sim::run_for(2 * kSec);  // requests at 0 and 1 s, next due at 3 s
+    from_ctrl(reg_response());
+    EXPECT_EQ(tovrin_gbl.status, 1);
+    EXPECT_EQ(sim::pending_timeouts(tovrin_send_registration), 0u);
+    // Unanswered keepalives take the link down at 5 s; until then no request
+    // goes out, although the cancelled retry was due at 3 s.
+    sim::run_for(2900 * kMs);
+    EXPECT_EQ(times_of(TOVRIN_CTRL_REGISTER), secs({0, 1}));
+    // UP reported to syslog and every endpoint, with a keepalive first.
+    ASSERT_EQ(sim::syslog_lines().size(), 1u);
+    EXPECT_EQ(sim::syslog_lines()[0].text, "AP-Ctrl Tunl Status UP CtrlIP 198.18.0.1");
+    EXPECT_EQ(sim::syslog_lines()[0].priority, 6);
+    EXPECT_EQ(times_of(TOVRIN_CTRL_KEEPALIVE).at(0), 2 * kSec);
+    EXPECT_TRUE(logged("DBG: <<tovrin_register: Processed reg resp using dravip 198.18.0.1\n"));
+}
+
+TEST_F(Registration, ResponseWhileUpIsIgnored) {
+    bring_up();
+    clear_captures();
+    from_ctrl(reg_response());
+    EXPECT_TRUE(logged("NOTE: <<tovrin_register: Ignoring a reg response since UP\n"));
+    EXPECT_TRUE(sim::ipc_sent().empty());
+    EXPECT_EQ(sim::syslog_lines().size(), 1u);
+}
+
+TEST_F(Registration, ResponseBringsTheLinkUpEvenAfterRegistrationStopped) {
+    set_controller(0);  // no controller configured: nothing sent, no timer
+    EXPECT_TRUE(sim::udp_sent().empty());
+    EXPECT_EQ(sim::pending_timeouts(tovrin_send_registration), 0u);
+    EXPECT_TRUE(logged("DBG: <<tovrin_send_registration: Controller not configured\n"));
+    EXPECT_EQ(tovrin_gbl.peer_addr.sin_addr.s_addr, 0u);
+    from_ctrl(reg_response(), 0);
+    EXPECT_EQ(tovrin_gbl.status, 1);
+}
+
+TEST_F(Registration, ControlLengthsAreInclusiveMinimums) {
+    set_controller();
+    from_ctrl(reg_response(103, 104));
+    EXPECT_TRUE(logged("NOTE: <<tovrin_recv_ctrl: incorrect registration resp len 103\n"));
+    EXPECT_EQ(tovrin_gbl.status, 0);
+    // A length field beyond what arrived is never trusted.
+    from_ctrl(reg_response(104, 20));
+    EXPECT_EQ(tovrin_gbl.status, 0);
+    from_ctrl(reg_response(104, 104));
+    EXPECT_EQ(tovrin_gbl.status, 1);
+}
+
+TEST_F(Registration, RestartAfterKeepaliveLossUsesSixteenSeconds) {
+    set_controller();
+    from_ctrl(reg_response());  // up after the first request: reg_interval 1000
+    ASSERT_EQ(tovrin_gbl.reg_interval, 1000);
+    sim::run_for(40 * kSec);
+    // Keepalives at 0, 1, 2 s; the tick at 3 s finds three unanswered.
+    EXPECT_EQ(times_of(TOVRIN_CTRL_KEEPALIVE), secs({0, 1, 2}));
+    // A request at once, the next after twice the kept interval, then every 16 s.
+    EXPECT_EQ(times_of(TOVRIN_CTRL_REGISTER), secs({0, 3, 5, 21, 37}));
+    EXPECT_EQ(tovrin_gbl.status, 0);
+}
+
+TEST_F(Registration, SecondControllerAddressLeavesTwoTimersSideBySide) {
+    set_controller();
+    sim::run_for(2 * kSec);  // requests at 0, 1; next due at 3 s
+    set_controller(kOther);  // at 2 s: set-up restarts the interval at 500: next at 3 s
+    sim::run_for(20 * kSec - sim::now_us());
+    // The old timer goes on beside the new one, both at 3 s; each doubles the
+    // shared interval: 3 -> 5 and 3 -> 7, then 5 -> 13, 7 -> 23.
+    std::vector<uint64_t> t = times_of(TOVRIN_CTRL_REGISTER);
+    EXPECT_EQ(t, secs({0, 1, 2, 3, 3, 5, 7, 13}));
+    EXPECT_EQ(sim::pending_timeouts(tovrin_send_registration), 2u);
+    // The requests after the switch all go to the new address.
+    for (const auto &d : sent_with_payload_type(TOVRIN_CTRL_REGISTER))
+        if (d.at_us >= 2 * kSec) {
+            EXPECT_EQ(d.ip, kOther);
+        }
+    from_ctrl(reg_response(), kOther);
+    EXPECT_EQ(sim::pending_timeouts(tovrin_send_registration), 0u);
+}

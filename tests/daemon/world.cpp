@@ -1,0 +1,307 @@
+#include "world.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "core/ipc_codes.h"
+#include "core/startup.h"
+#include "link/cipher.h"
+#include "link/protect.h"
+#include "link/send_queue.h"
+#include "platform/eloop.h"
+#include "platform/log.h"
+#include "relay/relay.h"
+
+std::string strf(const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    char buf[1024];
+    std::vsnprintf(buf, sizeof buf, fmt, ap);
+    va_end(ap);
+    return buf;
+}
+
+std::string hex(const std::vector<uint8_t> &bytes) {
+    static const char *d = "0123456789abcdef";
+    std::string s;
+    for (uint8_t b : bytes) {
+        s += d[b >> 4];
+        s += d[b & 15];
+    }
+    return s;
+}
+
+std::vector<uint8_t> unhex(const std::string &text) {
+    std::vector<uint8_t> out;
+    std::string t;
+    for (char c : text)
+        if (c != ' ') t += c;
+    for (std::size_t i = 0; i + 1 < t.size(); i += 2) out.push_back(static_cast<uint8_t>(std::stoi(t.substr(i, 2), nullptr, 16)));
+    return out;
+}
+
+std::vector<uint8_t> frame(uint8_t flags, uint8_t frag, uint8_t ctlr_trans, uint8_t ap_trans,
+                           const std::vector<uint8_t> &payload) {
+    std::vector<uint8_t> d(TOVRIN_HDR_LEN);
+    tovrin_hdr_t h = tovrin_hdr_make(flags);
+    h.frag = frag;
+    h.ctlr_trans = ctlr_trans;
+    h.ap_trans = ap_trans;
+    h.data_len = static_cast<uint16_t>(payload.size());
+    tovrin_hdr_encode(h, std::span<uint8_t, TOVRIN_HDR_LEN>(d.data(), TOVRIN_HDR_LEN));
+    d.insert(d.end(), payload.begin(), payload.end());
+    return d;
+}
+
+static std::vector<uint8_t> ctrl_packet(uint8_t type, uint16_t len_field, std::size_t size) {
+    std::vector<uint8_t> p(size < 4 ? 4 : size, 0);
+    p[0] = type;
+    tovrin_store16(&p[2], len_field);
+    p.resize(size);
+    return frame(TOVRIN_F_CTRL, 0, 0, 0, p);
+}
+
+std::vector<uint8_t> reg_response(uint16_t len_field, std::size_t size) {
+    return ctrl_packet(TOVRIN_CTRL_REGISTER, len_field, size);
+}
+std::vector<uint8_t> ka_response(uint16_t len_field, std::size_t size) {
+    return ctrl_packet(TOVRIN_CTRL_KEEPALIVE, len_field, size);
+}
+std::vector<uint8_t> ack_for(uint8_t ap_trans, uint8_t frag) { return frame(TOVRIN_F_ACK, frag, 0, ap_trans, {}); }
+
+std::vector<uint8_t> plain_payload(int32_t src, int32_t dst, const std::vector<uint8_t> &data) {
+    std::vector<uint8_t> p(TOVRIN_PLAIN_HDR_LEN);
+    p[0] = TOVRIN_DATA_PLAIN;
+    tovrin_store16(&p[2], static_cast<uint16_t>(p.size() + data.size()));
+    tovrin_store32(&p[4], static_cast<uint32_t>(src));
+    tovrin_store32(&p[8], static_cast<uint32_t>(dst));
+    p.insert(p.end(), data.begin(), data.end());
+    return p;
+}
+
+std::vector<uint8_t> enc_payload(int32_t src, int32_t dst, const std::vector<uint8_t> &data,
+                                 const std::vector<uint8_t> &key, const std::vector<uint8_t> &iv) {
+    std::size_t len = TOVRIN_ENC_HDR_LEN + data.size();
+    std::size_t pad = (16 - len % 16) % 16;
+    std::vector<uint8_t> p(TOVRIN_ENC_HDR_LEN);
+    p[0] = TOVRIN_DATA_ENC;
+    tovrin_store16(&p[2], static_cast<uint16_t>(len + pad));
+    tovrin_store32(&p[4], static_cast<uint32_t>(src));
+    tovrin_store32(&p[8], static_cast<uint32_t>(dst));
+    tovrin_store32(&p[12], static_cast<uint32_t>(pad));
+    std::copy(iv.begin(), iv.end(), p.begin() + 16);
+    std::vector<uint8_t> body(data);
+    body.resize(data.size() + pad, 0);
+    tovrin_md5(body.data(), body.size(), &p[32]);
+    std::vector<uint8_t> ct(body.size());
+    EXPECT_TRUE(tovrin_aes_cbc(true, body.data(), ct.data(), body.size(), key.data(), key.size(), iv.data()));
+    p.insert(p.end(), ct.begin(), ct.end());
+    return p;
+}
+
+std::vector<std::vector<uint8_t>> fragments(const std::vector<uint8_t> &payload, uint8_t ctlr_trans,
+                                            uint8_t extra_flags) {
+    std::vector<std::vector<uint8_t>> out;
+    std::size_t off = 0;
+    uint8_t n = 0;
+    do {
+        std::size_t size = std::min<std::size_t>(TOVRIN_FRAG_SIZE, payload.size() - off);
+        bool more = off + size < payload.size();
+        std::vector<uint8_t> part(payload.begin() + static_cast<long>(off), payload.begin() + static_cast<long>(off + size));
+        uint8_t flags = TOVRIN_F_DATA | TOVRIN_F_ACK_REQ | extra_flags | (more ? TOVRIN_F_MORE_FRAGS : 0);
+        out.push_back(frame(flags, n++, ctlr_trans, 0, part));
+        off += size;
+    } while (off < payload.size());
+    return out;
+}
+
+AppSeen decode_app(const sim::IpcSent &m) {
+    AppSeen a{};
+    a.peer = m.peer;
+    a.envelope_flags = m.flags;
+    a.kind = m.kind;
+    EXPECT_GE(m.payload.size(), TOVRIN_APP_HDR_LEN);
+    if (m.payload.size() >= TOVRIN_APP_HDR_LEN) {
+        std::memcpy(&a.hdr, m.payload.data(), TOVRIN_APP_HDR_LEN);
+        a.data.assign(m.payload.begin() + TOVRIN_APP_HDR_LEN, m.payload.end());
+    }
+    return a;
+}
+
+void World::SetUp() {
+    sim::reset();
+    char tmpl[] = "/tmp/tovrin-world-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    log_dir_ = tmpl;
+    setenv("VK_LOG_DIR", log_dir_.c_str(), 1);
+    unsetenv("VK_LOG_LEVEL");
+    std::memset(&tovrin_gbl, 0, sizeof tovrin_gbl);
+    std::memset(&tovrin_ipc, 0, sizeof tovrin_ipc);
+    tovrin_iv_count = 0;
+    tovrin_msg_id = TOVRIN_MSG_ID_START;
+    tovrin_send_queue_configure(nullptr);
+    VK_LOG_INIT("TOVRIN", 4, 0);
+    vk_log_conf_data[VK_LOG_W_ECHO] = 0;
+    vk_eloop_init(nullptr);
+    tovrin_init_struct();
+    tovrin_vk_ipc_init();
+    sim::settle();
+    clear_captures();
+}
+
+void World::TearDown() {
+    // Messages still queued belong to the queue: free them on its own path.
+    while (tovrin_gbl.comm.head != nullptr) tovrin_complete_send_msg(&tovrin_gbl, tovrin_gbl.comm.head);
+    if (log_file_name != nullptr) {
+        std::fclose(log_file_name);
+        log_file_name = nullptr;
+    }
+    std::string cmd = "rm -rf '" + log_dir_ + "'";
+    if (std::system(cmd.c_str()) != 0) ADD_FAILURE() << "cannot remove " << log_dir_;
+    sim::reset();
+}
+
+void World::notify(uint32_t type, const std::vector<uint8_t> &payload, const std::string &from) {
+    sim::ipc_inject(type, VK_IPC_F_NOTIFY, payload, from);
+    sim::settle();
+}
+
+void World::request(uint32_t type, const std::vector<uint8_t> &payload, const std::string &from) {
+    sim::ipc_inject(type, VK_IPC_F_REQUEST, payload, from);
+    sim::settle();
+}
+
+void World::set_controller(uint32_t addr) {
+    std::vector<uint8_t> p(4);
+    std::memcpy(p.data(), &addr, 4);
+    notify(TOVRIN_IPC_CTRL_IP, p);
+}
+
+void World::from_ctrl(const std::vector<uint8_t> &dgram, uint32_t src) {
+    sim::udp_inject(src, dgram);
+    sim::settle();
+}
+
+void World::bring_up(uint32_t addr) {
+    set_controller(addr);
+    from_ctrl(reg_response(), addr);
+    ASSERT_EQ(tovrin_gbl.status, 1);
+}
+
+void World::app_send(int32_t src, int32_t dst, uint32_t flags, const std::vector<uint8_t> &data, const char *name) {
+    tovrin_app_msg_t h{};
+    h.src_ep = src;
+    std::strncpy(h.src_name, name, sizeof h.src_name - 1);
+    h.id = 77;
+    h.flags = flags;
+    h.dst_ep = dst;
+    h.len = static_cast<uint32_t>(data.size());
+    std::vector<uint8_t> p(TOVRIN_APP_HDR_LEN);
+    std::memcpy(p.data(), &h, TOVRIN_APP_HDR_LEN);
+    p.insert(p.end(), data.begin(), data.end());
+    notify(TOVRIN_IPC_SEND_MSG, p);
+}
+
+void World::app_send_hdr(const tovrin_app_msg_t &h, const std::vector<uint8_t> &data) {
+    std::vector<uint8_t> p(TOVRIN_APP_HDR_LEN);
+    std::memcpy(p.data(), &h, TOVRIN_APP_HDR_LEN);
+    p.insert(p.end(), data.begin(), data.end());
+    notify(TOVRIN_IPC_SEND_MSG, p);
+}
+
+void World::run_answering(uint64_t us) {
+    const uint64_t end = sim::now_us() + us;
+    while (sim::now_us() < end) {
+        const std::size_t seen = sim::udp_sent().size();
+        sim::run_for(std::min<uint64_t>(100 * kMs, end - sim::now_us()));
+        int asked = 0;
+        const auto &all = sim::udp_sent();
+        for (std::size_t i = seen; i < all.size(); ++i)
+            if (all[i].bytes.size() > TOVRIN_HDR_LEN && (all[i].bytes[8] & TOVRIN_F_CTRL) &&
+                all[i].bytes[TOVRIN_HDR_LEN] == TOVRIN_CTRL_KEEPALIVE)
+                ++asked;
+        for (int i = 0; i < asked; ++i) from_ctrl(ka_response(), tovrin_gbl.drav_ip);
+    }
+}
+
+std::vector<sim::Datagram> World::data_sent() const {
+    std::vector<sim::Datagram> out;
+    for (const auto &d : sim::udp_sent())
+        if (d.bytes.size() >= TOVRIN_HDR_LEN && !(d.bytes[8] & (TOVRIN_F_CTRL | TOVRIN_F_ACK))) out.push_back(d);
+    return out;
+}
+
+std::vector<uint8_t> World::link_bytes() {
+    const auto *p = reinterpret_cast<const uint8_t *>(&tovrin_gbl);
+    return std::vector<uint8_t>(p, p + sizeof tovrin_gbl);
+}
+
+void World::set_key(const std::vector<uint8_t> &key) {
+    std::vector<uint8_t> p(4);
+    uint32_t n = static_cast<uint32_t>(key.size());
+    std::memcpy(p.data(), &n, 4);
+    p.insert(p.end(), key.begin(), key.end());
+    notify(TOVRIN_IPC_SET_KEY, p);
+}
+
+void World::set_level(int level) { vk_log_conf_data[VK_LOG_W_LEVEL] = level; }
+
+std::vector<sim::Datagram> World::sent_with_payload_type(uint8_t ctrl_type) const {
+    std::vector<sim::Datagram> out;
+    for (const auto &d : sim::udp_sent())
+        if (d.bytes.size() > TOVRIN_HDR_LEN && (d.bytes[8] & TOVRIN_F_CTRL) && d.bytes[TOVRIN_HDR_LEN] == ctrl_type)
+            out.push_back(d);
+    return out;
+}
+
+std::vector<uint64_t> World::times_of(uint8_t ctrl_type, uint64_t t0) const {
+    std::vector<uint64_t> t;
+    for (const auto &d : sent_with_payload_type(ctrl_type)) t.push_back(d.at_us - t0);
+    return t;
+}
+
+std::vector<AppSeen> World::app_msgs() const {
+    std::vector<AppSeen> out;
+    for (const auto &m : sim::ipc_sent())
+        if (m.type == TOVRIN_IPC_APP_MSG) out.push_back(decode_app(m));
+    return out;
+}
+
+std::vector<AppSeen> World::app_msgs_to(const std::string &peer) const {
+    std::vector<AppSeen> out;
+    for (const auto &a : app_msgs())
+        if (a.peer == peer) out.push_back(a);
+    return out;
+}
+
+std::string World::log_text() const {
+    if (log_file_name != nullptr) std::fflush(log_file_name);
+    std::ifstream f(log_dir_ + "/tovrin.log");
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
+
+int World::log_count(const std::string &s) const {
+    std::string t = log_text();
+    int n = 0;
+    for (std::size_t p = t.find(s); p != std::string::npos; p = t.find(s, p + 1)) ++n;
+    return n;
+}
+
+std::string World::log_since(std::size_t mark) const {
+    std::string t = log_text();
+    return mark < t.size() ? t.substr(mark) : std::string();
+}
+
+void World::clear_captures() {
+    sim::udp_clear_sent();
+    sim::ipc_clear_sent();
+}

@@ -1,0 +1,102 @@
+#pragma once
+// The daemon in a small simulated world: the controller at kCtrl, local
+// endpoints reached through the simulated IPC, time advanced by the test.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "link/record.h"
+#include "link/wire.h"
+#include "relay/app_msg.h"
+#include "sim.h"
+
+inline const uint32_t kCtrl = inet_addr("198.18.0.1");
+inline const uint32_t kOther = inet_addr("198.18.0.9");
+
+inline constexpr uint64_t kSec = 1000000;
+inline constexpr uint64_t kMs = 1000;
+
+// printf into a string, for expected log lines.
+std::string strf(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// Hex text of bytes, lower case, no separators.
+std::string hex(const std::vector<uint8_t> &bytes);
+std::vector<uint8_t> unhex(const std::string &text);
+
+// Frame header bytes.
+std::vector<uint8_t> frame(uint8_t flags, uint8_t frag, uint8_t ctlr_trans, uint8_t ap_trans,
+                           const std::vector<uint8_t> &payload);
+// Controller packets.
+std::vector<uint8_t> reg_response(uint16_t len_field = 104, std::size_t size = 104);
+std::vector<uint8_t> ka_response(uint16_t len_field = 36, std::size_t size = 36);
+std::vector<uint8_t> ack_for(uint8_t ap_trans, uint8_t frag = 0);
+// A plain data payload ('!') from src to dst carrying data.
+std::vector<uint8_t> plain_payload(int32_t src, int32_t dst, const std::vector<uint8_t> &data);
+// An encrypted payload ('&') with the given key and IV, digest and ciphertext made.
+std::vector<uint8_t> enc_payload(int32_t src, int32_t dst, const std::vector<uint8_t> &data,
+                                 const std::vector<uint8_t> &key, const std::vector<uint8_t> &iv);
+// Cuts a payload into controller fragments (flags 0x24, 0x01 on all but the last).
+std::vector<std::vector<uint8_t>> fragments(const std::vector<uint8_t> &payload, uint8_t ctlr_trans,
+                                            uint8_t extra_flags = 0);
+
+// Decoded view of an IPC application message (type 123) sent by the daemon.
+struct AppSeen {
+    std::string peer;
+    uint32_t envelope_flags;
+    uint32_t kind;
+    tovrin_app_msg_t hdr;
+    std::vector<uint8_t> data;
+};
+AppSeen decode_app(const sim::IpcSent &m);
+
+class World : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Sends a notification / request to the daemon and lets it run.
+    void notify(uint32_t type, const std::vector<uint8_t> &payload, const std::string &from = "/vk/ipc/test");
+    void request(uint32_t type, const std::vector<uint8_t> &payload, const std::string &from = "/vk/ipc/test");
+    // Notification 149 with addr.
+    void set_controller(uint32_t addr = kCtrl);
+    // A datagram from the controller (or another address), handled at once.
+    void from_ctrl(const std::vector<uint8_t> &dgram, uint32_t src = kCtrl);
+    // Controller address set and registration answered: the link is UP.
+    void bring_up(uint32_t addr = kCtrl);
+    // A local application message for the controller.
+    void app_send(int32_t src, int32_t dst, uint32_t flags, const std::vector<uint8_t> &data,
+                  const char *name = "tester");
+    // A local application message whose header is given whole: its len may disagree with data.
+    void app_send_hdr(const tovrin_app_msg_t &h, const std::vector<uint8_t> &data);
+    void set_key(const std::vector<uint8_t> &key);
+    void set_level(int level);
+    // Runs the world for us while the controller answers every keepalive at once,
+    // so that only the behaviour under test can take the link down.
+    void run_answering(uint64_t us);
+    // Datagrams of data messages sent since the last clear: no control packets, no acks.
+    std::vector<sim::Datagram> data_sent() const;
+    // The link record's bytes: equal before and after means nothing in it changed.
+    static std::vector<uint8_t> link_bytes();
+
+    // Datagrams sent since the last clear, optionally only those with these frame flags.
+    std::vector<sim::Datagram> sent() const { return sim::udp_sent(); }
+    std::vector<sim::Datagram> sent_with_payload_type(uint8_t ctrl_type) const;
+    // Virtual times (relative to t0) of the sent datagrams whose control type is ctrl_type.
+    std::vector<uint64_t> times_of(uint8_t ctrl_type, uint64_t t0 = 0) const;
+    // Application messages the daemon sent over IPC, decoded.
+    std::vector<AppSeen> app_msgs() const;
+    std::vector<AppSeen> app_msgs_to(const std::string &peer) const;
+    // The log file's text so far, and whether it contains s.
+    std::string log_text() const;
+    bool logged(const std::string &s) const { return log_text().find(s) != std::string::npos; }
+    int log_count(const std::string &s) const;
+    // Where the log ends now, and the text written after such a mark.
+    std::size_t log_mark() const { return log_text().size(); }
+    std::string log_since(std::size_t mark) const;
+    void clear_captures();
+
+    std::string log_dir_;
+};
