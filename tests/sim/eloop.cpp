@@ -1,0 +1,154 @@
+// The event loop on the virtual clock: same ordering rules as the real one,
+// but time only moves when a timeout is due or a run_for ends.
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "platform/eloop.h"
+#include "tests/sim/world.h"
+
+namespace sim {
+namespace {
+
+bool still_pending(int fd, uint64_t seq) {
+    const Socket *s = find_socket(fd);
+    if (!s) return false;
+    return std::any_of(s->input.begin(), s->input.end(),
+                       [seq](const Pending &p) { return p.seq == seq; });
+}
+
+// Calls the handler of every registered socket once per pending datagram, in
+// injection order, then again for what the callbacks left or added, until a
+// pass consumes nothing. A handler that never reads cannot hang the world.
+// Within vk_eloop_run a termination stops it, as it stops the real dispatch.
+void handle_readable(bool stop_on_terminate) {
+    World &w = world();
+    for (;;) {
+        std::vector<std::pair<uint64_t, int>> due;
+        for (const auto &[fd, rs] : w.read_socks)
+            if (const Socket *s = find_socket(fd))
+                for (const Pending &p : s->input) due.emplace_back(p.seq, fd);
+        std::sort(due.begin(), due.end());
+        bool consumed = false;
+        for (const auto &[seq, fd] : due) {
+            if (stop_on_terminate && w.terminate) return;
+            // Earlier callbacks may have read it, closed fd or unregistered it.
+            auto it = w.read_socks.find(fd);
+            if (it == w.read_socks.end() || !still_pending(fd, seq)) continue;
+            const ReadSock rs = it->second;
+            rs.handler(fd, rs.ctx1, rs.ctx2);
+            consumed = consumed || !still_pending(fd, seq);
+        }
+        if (!consumed) return;
+    }
+}
+
+// Removed before the call, so the handler may re-arm or cancel itself freely.
+void run_first_timeout() {
+    World &w = world();
+    const Timeout t = w.timeouts.front();
+    w.timeouts.erase(w.timeouts.begin());
+    w.now_us = std::max(w.now_us, t.expiry_us);
+    t.handler(t.ctx1, t.ctx2);
+}
+
+bool matches(void *want, void *have) { return want == VK_ELOOP_ANY || want == have; }
+
+}  // namespace
+
+uint64_t now_us() { return world().now_us; }
+
+void run_for(uint64_t us) {
+    World &w = world();
+    const uint64_t end = w.now_us + us;
+    for (;;) {
+        handle_readable(false);
+        if (w.timeouts.empty() || w.timeouts.front().expiry_us > end) break;
+        run_first_timeout();
+    }
+    w.now_us = end;
+}
+
+void settle() { run_for(0); }
+
+std::size_t pending_timeouts() { return world().timeouts.size(); }
+
+std::size_t pending_timeouts(vk_eloop_timeout_handler h) {
+    const auto &ts = world().timeouts;
+    return std::count_if(ts.begin(), ts.end(), [h](const Timeout &t) { return t.handler == h; });
+}
+
+std::optional<uint64_t> next_timeout_of(vk_eloop_timeout_handler h) {
+    for (const Timeout &t : world().timeouts)
+        if (t.handler == h) return t.expiry_us;
+    return std::nullopt;
+}
+
+}  // namespace sim
+
+using sim::world;
+
+// As the real loop: calling it again starts afresh, no sockets watched, no
+// timeouts, not terminating. The clock and the sockets themselves stay.
+int vk_eloop_init(void *) {
+    world().terminate = false;
+    world().timeouts.clear();
+    world().read_socks.clear();
+    return 0;
+}
+
+int vk_eloop_register_read_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
+                                void *sock_ctx) {
+    if (sock < 0 || !handler) {
+        errno = EINVAL;
+        return -1;
+    }
+    // Not a descriptor of the world: epoll would refuse it too.
+    if (!sim::find_socket(sock)) {
+        errno = EBADF;
+        return -1;
+    }
+    // Registering again replaces the handler and contexts, as in the real loop.
+    world().read_socks[sock] = sim::ReadSock{handler, eloop_ctx, sock_ctx};
+    return 0;
+}
+
+void vk_eloop_unregister_read_sock(int sock) { world().read_socks.erase(sock); }
+
+int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs,
+                              vk_eloop_timeout_handler handler, void *eloop_ctx, void *user_ctx) {
+    if (!handler) {
+        errno = EINVAL;
+        return -1;
+    }
+    auto &ts = world().timeouts;
+    const uint64_t expiry = world().now_us + uint64_t{secs} * 1000000 + usecs;
+    // After every timeout with the same expiry: those were registered first.
+    auto at = std::upper_bound(ts.begin(), ts.end(), expiry,
+                               [](uint64_t e, const sim::Timeout &t) { return e < t.expiry_us; });
+    ts.insert(at, sim::Timeout{expiry, handler, eloop_ctx, user_ctx});
+    return 0;
+}
+
+int vk_eloop_cancel_timeout(vk_eloop_timeout_handler handler, void *eloop_ctx, void *user_ctx) {
+    auto &ts = world().timeouts;
+    const auto removed = std::erase_if(ts, [&](const sim::Timeout &t) {
+        return t.handler == handler && sim::matches(eloop_ctx, t.ctx1) &&
+               sim::matches(user_ctx, t.ctx2);
+    });
+    return static_cast<int>(removed);
+}
+
+// Runs until terminated or until nothing can happen any more: no timeout is
+// pending and no registered socket has input its handler will read.
+void vk_eloop_run(void) {
+    sim::World &w = world();
+    while (!w.terminate) {
+        sim::handle_readable(true);
+        if (w.terminate || w.timeouts.empty()) break;
+        sim::run_first_timeout();
+    }
+    w.terminate = false;
+}
+
+void vk_eloop_terminate(void) { world().terminate = true; }

@@ -1,0 +1,135 @@
+// In-memory local IPC: endpoints by path on fake descriptors. Every send is
+// captured; sends to an endpoint open in the world are also delivered to it.
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "platform/ipc.h"
+#include "tests/sim/world.h"
+
+namespace sim {
+namespace {
+
+// The text of a fixed path field, or nullopt when it holds no NUL.
+std::optional<std::string> path_text(const char (&field)[VK_IPC_PATH_MAX]) {
+    const char *end = std::find(field, field + VK_IPC_PATH_MAX, '\0');
+    if (end == field + VK_IPC_PATH_MAX) return std::nullopt;
+    return std::string(field, end);
+}
+
+int fail(int err) {
+    errno = err;
+    return -1;
+}
+
+void queue_for(const std::string &to, std::vector<uint8_t> bytes, const std::string &sender) {
+    const int fd = ipc_fd_of(to);
+    if (fd >= 0) push_input(*find_socket(fd), Pending{0, std::move(bytes), 0, 0, sender});
+}
+
+int send(vk_ipc_send_desc_t *d) {
+    // Checks in the real service's order, so a refusal gives the same errno.
+    if (!d || !d->handle || !d->msg) return fail(EINVAL);
+    const vk_ipc_msg_t &m = *d->msg;
+    if (m.len > VK_IPC_PAYLOAD_MAX) return fail(EMSGSIZE);
+    const std::optional<std::string> peer = path_text(d->peer);
+    if (!peer) return fail(ENAMETOOLONG);
+    if (peer->empty()) return fail(EINVAL);
+    const Socket *own = find_socket(d->handle->sock);
+    if (!own || !own->ipc) return fail(EBADF);
+    const bool missing = world().ipc_missing.count(*peer) > 0;
+    world().ipc_sent.push_back(IpcSent{world().now_us, d->kind, *peer, m.type, m.len, m.flags,
+                                       std::vector<uint8_t>(m.payload, m.payload + m.len),
+                                       !missing});
+    if (missing) return fail(ENOENT);
+    const auto *raw = reinterpret_cast<const uint8_t *>(&m);
+    queue_for(*peer, std::vector<uint8_t>(raw, raw + VK_IPC_HDR_LEN + m.len), own->path);
+    return 0;
+}
+
+}  // namespace
+
+const std::vector<IpcSent> &ipc_sent() { return world().ipc_sent; }
+void ipc_clear_sent() { world().ipc_sent.clear(); }
+
+void ipc_inject(uint32_t type, uint32_t flags, std::span<const uint8_t> payload,
+                const std::string &sender, const std::string &to) {
+    const uint32_t hdr[3] = {type, static_cast<uint32_t>(payload.size()), flags};
+    std::vector<uint8_t> bytes(VK_IPC_HDR_LEN + payload.size());
+    std::memcpy(bytes.data(), hdr, VK_IPC_HDR_LEN);
+    std::copy(payload.begin(), payload.end(), bytes.begin() + VK_IPC_HDR_LEN);
+    queue_for(to, std::move(bytes), sender);
+}
+
+void ipc_inject_raw(std::vector<uint8_t> bytes, const std::string &sender, const std::string &to) {
+    queue_for(to, std::move(bytes), sender);
+}
+
+void ipc_set_missing(const std::string &path, bool missing) {
+    if (missing)
+        world().ipc_missing.insert(path);
+    else
+        world().ipc_missing.erase(path);
+}
+
+void ipc_fail_open(int err) { world().ipc_fail_open = err; }
+
+bool ipc_is_open(const std::string &path) { return ipc_fd_of(path) >= 0; }
+
+}  // namespace sim
+
+using sim::world;
+
+int vk_ipc_open(vk_ipc_handle_t *h) {
+    if (!h) return sim::fail(EINVAL);
+    h->sock = -1;
+    if (int err = std::exchange(world().ipc_fail_open, 0)) return sim::fail(err);
+    const std::optional<std::string> path = sim::path_text(h->path);
+    if (!path) return sim::fail(ENAMETOOLONG);
+    if (path->empty()) return sim::fail(EINVAL);
+    if (sim::ipc_is_open(*path)) return sim::fail(EADDRINUSE);
+    const int fd = sim::alloc_fd();
+    if (fd < 0) return sim::fail(EMFILE);
+    world().sockets[fd] = sim::Socket{true, 0, *path, {}};
+    h->sock = fd;
+    return 0;
+}
+
+void vk_ipc_close(vk_ipc_handle_t *h) {
+    if (!h) return;
+    const sim::Socket *s = sim::find_socket(h->sock);
+    if (s && s->ipc) sim::close_fd(h->sock);
+    h->sock = -1;
+}
+
+// As the real service: a handle not in set, or nothing pending, gives 0 with
+// *received 0; the sender is filled even for a refused datagram.
+int vk_ipc_recv_large(fd_set *set, vk_ipc_recv_desc_t *rec, uint8_t *received) {
+    if (!received) return sim::fail(EINVAL);
+    *received = 0;
+    if (!rec || !rec->handle || !rec->msg) return sim::fail(EINVAL);
+    rec->sender[0] = '\0';
+    const int fd = rec->handle->sock;
+    sim::Socket *s = sim::find_socket(fd);
+    if (!s || !s->ipc) return sim::fail(EBADF);
+    if (!set || !FD_ISSET(fd, set) || s->input.empty()) return 0;
+    const sim::Pending p = std::move(s->input.front());
+    s->input.pop_front();
+    // The buffer holds at most one whole envelope; the check sees the true
+    // size, so an oversized datagram is refused rather than cut.
+    if (!p.bytes.empty())
+        std::memcpy(rec->msg, p.bytes.data(), std::min(p.bytes.size(), VK_IPC_MSG_MAX));
+    // A sender path too long for the field is handed out empty, as by the real one.
+    if (p.sender.size() < VK_IPC_PATH_MAX) {
+        std::memcpy(rec->sender, p.sender.data(), p.sender.size());
+        rec->sender[p.sender.size()] = '\0';
+    }
+    if (int err = vk_ipc_check_envelope(rec->msg, p.bytes.size())) return sim::fail(err);
+    *received = 1;
+    return 0;
+}
+
+int vk_ipc_send_large(vk_ipc_send_desc_t *d) { return sim::send(d); }
+
+int vk_ipc_resp_large(vk_ipc_send_desc_t *d) { return sim::send(d); }

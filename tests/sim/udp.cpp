@@ -1,0 +1,179 @@
+// In-memory UDP: AF_INET datagram sockets on fake descriptors. Sends are
+// captured, the test injects what the daemon receives.
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "platform/os.h"
+#include "tests/sim/world.h"
+
+namespace sim {
+namespace {
+
+// The UDP socket behind fd, or null with errno set as the kernel would.
+Socket *udp_socket(int fd) {
+    Socket *s = find_socket(fd);
+    if (!s) {
+        errno = EBADF;
+        return nullptr;
+    }
+    if (s->ipc) {
+        errno = ENOTSOCK;  // nothing the daemon should do: IPC has its own calls
+        return nullptr;
+    }
+    return s;
+}
+
+Socket *udp_at_port(uint16_t port) {
+    for (auto &[fd, s] : world().sockets)
+        if (!s.ipc && s.port == port) return &s;
+    return nullptr;
+}
+
+const sockaddr_in *inet_addr_of(const sockaddr *a, socklen_t len) {
+    if (!a || len < sizeof(sockaddr_in) || a->sa_family != AF_INET) {
+        errno = a && a->sa_family != AF_INET ? EAFNOSUPPORT : EINVAL;
+        return nullptr;
+    }
+    return reinterpret_cast<const sockaddr_in *>(a);
+}
+
+uint16_t next_ephemeral_port() {
+    World &w = world();
+    while (udp_at_port(w.next_ephemeral)) ++w.next_ephemeral;
+    return w.next_ephemeral++;
+}
+
+}  // namespace
+
+const std::vector<Datagram> &udp_sent() { return world().udp_sent; }
+void udp_clear_sent() { world().udp_sent.clear(); }
+
+void udp_inject(uint32_t from_ip_net, std::vector<uint8_t> bytes, uint16_t from_port) {
+    if (Socket *s = udp_at_port(kLinkPort))
+        push_input(*s, Pending{0, std::move(bytes), from_ip_net, from_port, {}});
+}
+
+std::size_t udp_pending() {
+    const Socket *s = udp_at_port(kLinkPort);
+    return s ? s->input.size() : 0;
+}
+
+bool udp_open() {
+    const auto &socks = world().sockets;
+    return std::any_of(socks.begin(), socks.end(), [](const auto &e) { return !e.second.ipc; });
+}
+
+uint16_t udp_bound_port() {
+    for (const auto &[fd, s] : world().sockets)
+        if (!s.ipc && s.port != 0) return s.port;
+    return 0;
+}
+
+void udp_fail_socket(int err) { world().udp_fail_socket = err; }
+void udp_fail_bind(int err) { world().udp_fail_bind = err; }
+void udp_fail_send(int err) { world().udp_fail_send = err; }
+
+}  // namespace sim
+
+using sim::world;
+
+int vk_os_socket(int domain, int type, int protocol) {
+    if (int err = std::exchange(world().udp_fail_socket, 0)) {
+        errno = err;
+        return -1;
+    }
+    if (domain != AF_INET) {
+        errno = EAFNOSUPPORT;
+        return -1;
+    }
+    if ((type & ~(SOCK_NONBLOCK | SOCK_CLOEXEC)) != SOCK_DGRAM ||
+        (protocol != 0 && protocol != IPPROTO_UDP)) {
+        errno = EPROTONOSUPPORT;
+        return -1;
+    }
+    const int fd = sim::alloc_fd();
+    if (fd < 0) {
+        errno = EMFILE;
+        return -1;
+    }
+    world().sockets[fd] = sim::Socket{};
+    return fd;
+}
+
+int vk_os_bind(int fd, const struct sockaddr *addr, socklen_t len) {
+    sim::Socket *s = sim::udp_socket(fd);
+    if (!s) return -1;
+    const sockaddr_in *in = sim::inet_addr_of(addr, len);
+    if (!in) return -1;
+    if (int err = std::exchange(world().udp_fail_bind, 0)) {
+        errno = err;
+        return -1;
+    }
+    if (s->port != 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    uint16_t port = ntohs(in->sin_port);
+    if (port != 0 && sim::udp_at_port(port)) {
+        errno = EADDRINUSE;
+        return -1;
+    }
+    s->port = port != 0 ? port : sim::next_ephemeral_port();
+    return 0;
+}
+
+// Never blocks: an empty socket gives EAGAIN. A datagram longer than len is
+// cut to len and its rest lost, as on a real datagram socket.
+ssize_t vk_os_recvfrom(int fd, void *buf, size_t len, int, struct sockaddr *from,
+                       socklen_t *fromlen) {
+    sim::Socket *s = sim::udp_socket(fd);
+    if (!s) return -1;
+    if (s->input.empty()) {
+        errno = EAGAIN;
+        return -1;
+    }
+    const sim::Pending p = std::move(s->input.front());
+    s->input.pop_front();
+    const size_t n = std::min(len, p.bytes.size());
+    if (n > 0) std::memcpy(buf, p.bytes.data(), n);
+    if (from && fromlen) {
+        sockaddr_in in{};
+        in.sin_family = AF_INET;
+        in.sin_port = htons(p.port);
+        in.sin_addr.s_addr = p.ip;
+        std::memcpy(from, &in, std::min<size_t>(*fromlen, sizeof in));
+        *fromlen = sizeof in;
+    }
+    return static_cast<ssize_t>(n);
+}
+
+ssize_t vk_os_sendto(int fd, const void *buf, size_t len, int, const struct sockaddr *to,
+                     socklen_t tolen) {
+    sim::Socket *s = sim::udp_socket(fd);
+    if (!s) return -1;
+    const sockaddr_in *in = sim::inet_addr_of(to, tolen);
+    if (!in) return -1;
+    if (world().udp_fail_send != 0) {
+        errno = world().udp_fail_send;
+        return -1;
+    }
+    // An unbound socket gets a port on its first send, as in the kernel.
+    if (s->port == 0) s->port = sim::next_ephemeral_port();
+    const auto *b = static_cast<const uint8_t *>(buf);
+    world().udp_sent.push_back(sim::Datagram{world().now_us, in->sin_addr.s_addr,
+                                             ntohs(in->sin_port),
+                                             std::vector<uint8_t>(b, b + len)});
+    return static_cast<ssize_t>(len);
+}
+
+int vk_os_close(int fd) {
+    if (!sim::close_fd(fd)) {
+        errno = EBADF;
+        return -1;
+    }
+    return 0;
+}

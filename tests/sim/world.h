@@ -1,0 +1,92 @@
+#pragma once
+// The simulated world's state, shared by the files of the simulated platform
+// only. Tests use sim.h; nothing here is part of the contract.
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/eloop.h"
+#include "tests/sim/sim.h"
+
+namespace sim {
+
+// Fake descriptors start here so they never clash with real ones a test holds,
+// and stay below FD_SETSIZE so FD_SET works on them.
+inline constexpr int kFirstFd = 100;
+inline constexpr int kLastFd = 1023;
+inline constexpr uint16_t kLinkPort = 6650;
+inline constexpr uint16_t kFirstEphemeralPort = 40000;
+
+// One datagram waiting to be read. seq orders input across every socket, so
+// readable sockets are handled in injection order.
+struct Pending {
+    uint64_t seq;
+    std::vector<uint8_t> bytes;
+    uint32_t ip = 0;      // UDP sender, network order
+    uint16_t port = 0;    // UDP sender, host order
+    std::string sender;   // IPC sender path
+};
+
+struct Socket {
+    bool ipc = false;     // else UDP
+    uint16_t port = 0;    // UDP: bound port, 0 while unbound
+    std::string path;     // IPC: endpoint path
+    std::deque<Pending> input;
+};
+
+struct Timeout {
+    uint64_t expiry_us;
+    vk_eloop_timeout_handler handler;
+    void *ctx1, *ctx2;
+};
+
+struct ReadSock {
+    vk_eloop_sock_handler handler;
+    void *ctx1, *ctx2;
+};
+
+struct World {
+    uint64_t now_us = 0;
+    uint64_t next_seq = 0;
+    bool terminate = false;
+    // Kept sorted by expiry; equal expiries stay in registration order.
+    std::vector<Timeout> timeouts;
+    std::map<int, ReadSock> read_socks;
+    std::map<int, Socket> sockets;
+
+    std::vector<Datagram> udp_sent;
+    int udp_fail_socket = 0, udp_fail_bind = 0, udp_fail_send = 0;
+    uint16_t next_ephemeral = kFirstEphemeralPort;
+
+    std::vector<IpcSent> ipc_sent;
+    std::set<std::string> ipc_missing;
+    int ipc_fail_open = 0;
+
+    std::vector<SyslogLine> syslog;
+    std::optional<std::string> mac = "0013a9c0ffee";
+    std::string serial = "SN-TEST-0001";
+    // Uptime at virtual time uptime_at_us; it grows with the clock from there.
+    long uptime_s = 4242;
+    uint64_t uptime_at_us = 0;
+    bool uptime_fail = false;
+    int64_t epoch_s = 1700000000;
+};
+
+World &world();
+
+// Lowest free fake descriptor, or -1 when all are taken.
+int alloc_fd();
+Socket *find_socket(int fd);
+// Drops the socket and its read registration, as closing a descriptor drops
+// it from an epoll set. Returns false when fd is not open.
+bool close_fd(int fd);
+// Queues input on fd, stamped with the next injection number.
+void push_input(Socket &s, Pending p);
+// Descriptor of the IPC endpoint at path, or -1.
+int ipc_fd_of(const std::string &path);
+
+}  // namespace sim
