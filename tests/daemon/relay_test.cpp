@@ -1,0 +1,264 @@
+// The application relay: answers to local senders, the endpoint table, message
+// ids and the size limits of messages in both directions.
+#include <cstring>
+
+#include "core/ipc_codes.h"
+#include "relay/app_msg.h"
+#include "world.h"
+
+namespace {
+
+class Relay : public World {
+protected:
+    static tovrin_app_msg_t header(int32_t src, int32_t dst, uint32_t flags, uint32_t len) {
+        tovrin_app_msg_t h{};
+        h.src_ep = src;
+        std::strncpy(h.src_name, "tester", sizeof h.src_name - 1);
+        h.id = 4242;
+        h.flags = flags;
+        h.dst_ep = dst;
+        h.len = len;
+        return h;
+    }
+    // Answers (not status reports) the daemon sent over IPC since the last clear.
+    std::vector<AppSeen> answers() const {
+        std::vector<AppSeen> out;
+        for (const auto &a : app_msgs())
+            if (!(a.hdr.flags & TOVRIN_MSG_F_STATUS)) out.push_back(a);
+        return out;
+    }
+    static std::vector<uint8_t> pattern(std::size_t n) {
+        std::vector<uint8_t> v(n);
+        for (std::size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(i * 5 + 2);
+        return v;
+    }
+};
+
+TEST_F(Relay, WhileDownTheSenderGetsItsHeaderBackFailedIfItAsked) {
+    set_controller();  // registering: the link is down
+    ASSERT_EQ(tovrin_gbl.status, 0);
+    struct Row {
+        uint32_t flags;
+        bool answered;
+        uint32_t answer_flags;
+        uint32_t envelope, kind;
+    };
+    const Row rows[] = {
+        {0x100, true, 0x1000100, VK_IPC_F_NOTIFY, VK_IPC_KIND_NOTIFY},
+        {0x300, true, 0x1000300, VK_IPC_F_RESPONSE, VK_IPC_KIND_RESP},
+        {0x0, false, 0, 0, 0},
+    };
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.flags);
+        clear_captures();
+        const std::size_t mark = log_mark();
+        app_send(101, 5, r.flags, {1, 2, 3, 4});
+        EXPECT_NE(log_since(mark).find(strf("NOTE: <<tovrin_proc_send_msg: No Conn failed from tester to 5 msg flags 0x%08x\n",
+                                            r.answered ? r.answer_flags : r.flags)),
+                  std::string::npos);
+        EXPECT_TRUE(data_sent().empty());
+        const auto a = answers();
+        ASSERT_EQ(a.size(), r.answered ? 1u : 0u);
+        if (!r.answered) continue;
+        EXPECT_EQ(a[0].peer, "/vk/ipc/gelvar");
+        EXPECT_EQ(a[0].hdr.flags, r.answer_flags);
+        EXPECT_EQ(a[0].envelope_flags, r.envelope);
+        EXPECT_EQ(a[0].kind, r.kind);
+        EXPECT_EQ(sim::ipc_sent().back().type, TOVRIN_IPC_APP_MSG);
+        EXPECT_EQ(sim::ipc_sent().back().len, 84u);
+        EXPECT_TRUE(a[0].data.empty());
+        EXPECT_EQ(a[0].hdr.len, 4u);  // still the length of the message it answers
+        EXPECT_EQ(a[0].hdr.id, 77u);
+        EXPECT_EQ(a[0].hdr.dst_ep, 5);
+        EXPECT_STREQ(a[0].hdr.src_name, "tester");
+    }
+}
+
+TEST_F(Relay, AcknowledgedMessageIsAnsweredWithItsFlagsUnchanged) {
+    bring_up();
+    struct Row {
+        uint32_t flags;
+        bool answered;
+        uint32_t envelope;
+    };
+    const Row rows[] = {{0x100, true, VK_IPC_F_NOTIFY}, {0x300, true, VK_IPC_F_RESPONSE}, {0x0, false, 0},
+                        {0x40100, true, VK_IPC_F_NOTIFY}};
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.flags);
+        clear_captures();
+        app_send(101, 5, r.flags, {9});
+        ASSERT_EQ(data_sent().size(), 1u);
+        EXPECT_TRUE(answers().empty());  // nothing before the controller's acknowledgement
+        from_ctrl(ack_for(data_sent()[0].bytes[11]));
+        const auto a = answers();
+        ASSERT_EQ(a.size(), r.answered ? 1u : 0u);
+        if (!r.answered) continue;
+        EXPECT_EQ(a[0].hdr.flags, r.flags);
+        EXPECT_EQ(a[0].envelope_flags, r.envelope);
+        EXPECT_EQ(a[0].hdr.len, 1u);
+        EXPECT_TRUE(a[0].data.empty());
+    }
+}
+
+TEST_F(Relay, AnswerGoesToTheEndpointOfSrcEpNotToTheIpcSender) {
+    bring_up();
+    const std::pair<int32_t, const char *> table[] = {
+        {101, "/vk/ipc/gelvar"}, {102, "/vk/ipc/hostun"}, {105, "/vk/ipc/prindal"}, {106, "/vk/ipc/quelon"},
+        {107, "/vk/ipc/rastim"}, {108, "/vk/ipc/sorvek"}, {109, "/vk/ipc/tumbel"},
+    };
+    for (auto [ep, path] : table) {
+        SCOPED_TRACE(ep);
+        clear_captures();
+        tovrin_app_msg_t h = header(ep, 5, TOVRIN_MSG_F_ACK_REQ, 1);
+        std::vector<uint8_t> p(TOVRIN_APP_HDR_LEN);
+        std::memcpy(p.data(), &h, TOVRIN_APP_HDR_LEN);
+        p.push_back(0x31);
+        notify(TOVRIN_IPC_SEND_MSG, p, "/vk/ipc/somewhere");
+        from_ctrl(ack_for(data_sent().at(0).bytes[11]));
+        const auto a = answers();
+        ASSERT_EQ(a.size(), 1u);
+        EXPECT_EQ(a[0].peer, path);
+    }
+
+    // Ids 103 and 104 are not in the table: no answer, on success or failure.
+    for (int32_t ep : {103, 104, 0, -1}) {
+        SCOPED_TRACE(ep);
+        clear_captures();
+        const std::size_t mark = log_mark();
+        app_send_hdr(header(ep, 5, TOVRIN_MSG_F_ACK_REQ, 1), {0x31});
+        from_ctrl(ack_for(data_sent().at(0).bytes[11]));
+        EXPECT_TRUE(sim::ipc_sent().empty());
+        EXPECT_NE(log_since(mark).find(strf("NOTE: <<tovrin_send_app: Msg flag 0x00000100 from Unknown endpoint %d\n", ep)),
+                  std::string::npos);
+    }
+    set_controller();  // down again, registering
+    ASSERT_EQ(tovrin_gbl.status, 0);
+    clear_captures();
+    const std::size_t mark = log_mark();
+    app_send_hdr(header(103, 5, TOVRIN_MSG_F_ACK_REQ, 1), {0x31});
+    EXPECT_TRUE(sim::ipc_sent().empty());
+    EXPECT_NE(log_since(mark).find("NOTE: <<tovrin_send_app: Msg flag 0x01000100 from Unknown endpoint 103\n"),
+              std::string::npos);
+}
+
+TEST_F(Relay, ControllerMessagesTakeIdsFrom100000KnownEndpointOrNot) {
+    bring_up();
+    struct Row {
+        int32_t dst;
+        const char *peer;  // null: not in the table
+        uint32_t id;
+    };
+    const Row rows[] = {
+        {101, "/vk/ipc/gelvar", 100000}, {102, "/vk/ipc/hostun", 100001}, {103, nullptr, 100002},
+        {104, nullptr, 100003},          {109, "/vk/ipc/tumbel", 100004},
+    };
+    uint8_t trans = 1;
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.dst);
+        clear_captures();
+        const std::size_t mark = log_mark();
+        from_ctrl(frame(0x24, 0, trans++, 0, plain_payload(33, r.dst, {0xab})));
+        EXPECT_EQ(sent().size(), 1u);  // acknowledged in every case
+        EXPECT_NE(log_since(mark).find(strf("DBG: >>tovrin_handle_msg: Sending id %u to ep %d from 33 len 1\n", r.id, r.dst)),
+                  std::string::npos);
+        if (r.peer == nullptr) {
+            EXPECT_TRUE(sim::ipc_sent().empty());
+            EXPECT_NE(log_since(mark).find(strf("NOTE: <<tovrin_send_app: Msg flag 0x00010000 from Unknown endpoint %d\n", r.dst)),
+                      std::string::npos);
+            continue;
+        }
+        const auto got = app_msgs();
+        ASSERT_EQ(got.size(), 1u);
+        EXPECT_EQ(got[0].peer, r.peer);
+        EXPECT_EQ(got[0].hdr.id, r.id);
+        EXPECT_EQ(got[0].envelope_flags, VK_IPC_F_NOTIFY);
+    }
+}
+
+TEST_F(Relay, ControllerMessageArrivesAsHeaderAndData) {
+    bring_up();
+    uint8_t trans = 0x10;
+    for (std::size_t n : {std::size_t{0}, std::size_t{1}, std::size_t{100}, std::size_t{1500}, std::size_t{16304}}) {
+        SCOPED_TRACE(n);
+        clear_captures();
+        const auto data = pattern(n);
+        for (const auto &f : fragments(plain_payload(-7, 105, data), trans++)) from_ctrl(f);
+        ASSERT_EQ(sim::ipc_sent().size(), 1u);
+        const auto &m = sim::ipc_sent()[0];
+        EXPECT_EQ(m.type, TOVRIN_IPC_APP_MSG);
+        EXPECT_EQ(m.len, 84 + n);
+        EXPECT_EQ(m.peer, "/vk/ipc/prindal");
+        const AppSeen a = decode_app(m);
+        EXPECT_EQ(a.hdr.src_ep, -7);
+        EXPECT_EQ(a.hdr.dst_ep, 105);
+        EXPECT_EQ(a.hdr.flags, TOVRIN_MSG_F_FROM_CTRL);
+        EXPECT_EQ(a.hdr.len, n);
+        EXPECT_EQ(std::string(a.hdr.src_name, sizeof a.hdr.src_name), std::string(64, '\0'));
+        EXPECT_TRUE(a.data == data);
+    }
+}
+
+TEST_F(Relay, ControllerMessageLongerThanAnIpcMessageIsDroppedWithANote) {
+    bring_up();
+    clear_captures();
+    const std::size_t mark = log_mark();
+    for (const auto &f : fragments(plain_payload(9, 101, pattern(16372)), 0x31)) from_ctrl(f);
+    EXPECT_NE(log_since(mark).find("NOTE: <<tovrin_send_app: Msg of 16372 data bytes for endpoint 101 exceeds 16304, dropped\n"),
+              std::string::npos);
+    EXPECT_TRUE(sim::ipc_sent().empty());
+    EXPECT_EQ(sent().size(), 1u);  // acknowledged all the same
+
+    // Counted as a message from the controller: the next one takes the next id.
+    from_ctrl(frame(0x24, 0, 0x32, 0, plain_payload(9, 101, {1})));
+    ASSERT_EQ(app_msgs().size(), 1u);
+    EXPECT_EQ(app_msgs()[0].hdr.id, 100001u);
+}
+
+TEST_F(Relay, LocalMessageWhoseLengthDisagreesWithWhatArrivedIsRefused) {
+    bring_up();
+    struct Row {
+        const char *what;
+        uint32_t len;
+        std::size_t bytes;
+        uint32_t flags;
+        bool answered;
+    };
+    const Row rows[] = {
+        {"len above the data", 10, 8, TOVRIN_MSG_F_ACK_REQ, true},
+        {"len below the data", 8, 10, TOVRIN_MSG_F_ACK_REQ | TOVRIN_MSG_F_SYNC, true},
+        {"no answer asked", 10, 8, 0, false},
+        {"len matches", 8, 8, TOVRIN_MSG_F_ACK_REQ, false},
+    };
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.what);
+        clear_captures();
+        const std::size_t mark = log_mark();
+        app_send_hdr(header(102, 5, r.flags, r.len), pattern(r.bytes));
+        const bool refused = r.len != r.bytes;
+        EXPECT_EQ(data_sent().size(), refused ? 0u : 1u);
+        EXPECT_EQ(log_since(mark).find("NOTE: <<tovrin_proc_send_msg:") != std::string::npos, refused);
+        const auto a = answers();
+        ASSERT_EQ(a.size(), r.answered ? 1u : 0u);
+        if (r.answered) {
+            EXPECT_EQ(a[0].peer, "/vk/ipc/hostun");
+            EXPECT_EQ(a[0].hdr.flags, r.flags | TOVRIN_MSG_F_FAILED);
+            EXPECT_EQ(a[0].hdr.len, r.len);
+        }
+        if (!refused) from_ctrl(ack_for(data_sent()[0].bytes[11]));
+    }
+
+    // Shorter than its own header: nothing can be read, nothing is answered.
+    clear_captures();
+    const auto h = header(102, 5, TOVRIN_MSG_F_ACK_REQ, 0);
+    std::vector<uint8_t> p(TOVRIN_APP_HDR_LEN);
+    std::memcpy(p.data(), &h, TOVRIN_APP_HDR_LEN);
+    p.resize(83);
+    const std::size_t mark = log_mark();
+    notify(TOVRIN_IPC_SEND_MSG, p);
+    EXPECT_NE(log_since(mark).find("NOTE: <<tovrin_proc_send_msg:"), std::string::npos);
+    EXPECT_TRUE(sim::ipc_sent().empty());
+    EXPECT_TRUE(data_sent().empty());
+    EXPECT_EQ(tovrin_gbl.comm.msg_cnt, 0);
+}
+
+}  // namespace
