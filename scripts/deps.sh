@@ -1,5 +1,5 @@
 # Debian packages the build, the tests and the demo need. Sourced by the scripts.
-TOVRIN_DEPS=(g++ cmake make libgtest-dev libssl-dev openssl iproute2 valgrind procps)
+TOVRIN_DEPS=(g++ cmake make libgtest-dev libssl-dev openssl iproute2 valgrind procps python3)
 
 # Installs the missing ones with apt-get when run as root; otherwise says what to install.
 tovrin_install_deps() {

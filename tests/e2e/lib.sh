@@ -113,6 +113,15 @@ endpoint_path() {
     esac
 }
 
+# Catches the daemon's system-log lines in $WORK/syslog.out when this machine
+# runs no system logger; returns non-zero when one runs (nothing to catch then).
+catch_syslog() {
+    [ -e /dev/log ] && return 1
+    "$E2E_ROOT/scripts/syslog-catch" /dev/log >"$WORK/syslog.out" 2>&1 &
+    E2E_PIDS+=($!)
+    wait_for "$WORK/syslog.out" '^# catching' 5
+}
+
 # Brings the link up: simulator, daemon, a listener on 101, the controller address.
 link_up() {
     need_netns

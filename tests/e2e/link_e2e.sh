@@ -3,6 +3,8 @@
 # as the controller and the local endpoints see them.
 . "$(dirname "$0")/lib.sh"
 
+SYSLOG=0
+catch_syslog && SYSLOG=1
 link_up || { fail "link comes up"; e2e_done; exit 1; }
 pass "link comes up and endpoint 101 hears STATUS UP"
 SIM="$WORK/sim.out"
@@ -33,6 +35,12 @@ sim_cmd "reg on"
 sim_cmd "ka on"
 check "link comes back UP by itself" bash -c "for i in \$(seq 200); do [ \$(grep -c '^STATUS UP' '$LISTEN') -ge 2 ] && exit 0; sleep 0.1; done; exit 1"
 check_eq "status shows UP again" "$(ctl status)" "controller $TOVRIN_CTL_IP link UP"
+
+if [ "$SYSLOG" = 1 ]; then
+    check_eq "each change is one system-log line at LOG_INFO" \
+        "$(grep -o '<14>.*AP-Ctrl Tunl Status [A-Z]* CtrlIP [0-9.]*' "$WORK/syslog.out" | sed 's/.*: AP/AP/' | tr '\n' ,)" \
+        "AP-Ctrl Tunl Status UP CtrlIP $TOVRIN_CTL_IP,AP-Ctrl Tunl Status DOWN CtrlIP $TOVRIN_CTL_IP,AP-Ctrl Tunl Status UP CtrlIP $TOVRIN_CTL_IP,"
+fi
 
 # Every local endpoint is told; ids count the keepalives sent.
 check "status reports carry the keepalive count as id" grep -qE "^STATUS UP controller $TOVRIN_CTL_IP id [1-9][0-9]*$" "$LISTEN"
