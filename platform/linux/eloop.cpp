@@ -1,1 +1,272 @@
-// placeholder
+// Event loop on epoll and CLOCK_MONOTONIC, one thread. Handlers may change the
+// socket and timeout tables while they run, so nothing here holds an iterator
+// across a call to a handler.
+#include "platform/eloop.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/epoll.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdint>
+#include <new>
+#include <vector>
+
+#include "platform/linux/eloop_clock.h"
+
+namespace {
+
+struct Timeout {
+    uint64_t due_ns;
+    uint64_t seq;  // registration order
+    vk_eloop_timeout_handler handler;
+    void *eloop_ctx;
+    void *user_ctx;
+};
+
+struct ReadSock {
+    int sock;
+    uint32_t gen;  // tells a registration apart from an earlier one of the same fd
+    vk_eloop_sock_handler handler;
+    void *eloop_ctx;
+    void *sock_ctx;
+};
+
+constexpr uint64_t NS_PER_S = 1000000000;
+constexpr uint64_t NS_PER_US = 1000;
+constexpr uint64_t NS_PER_MS = 1000000;
+// Enough for the daemon's steady state; the vector only grows past it when full.
+constexpr std::size_t TIMEOUT_RESERVE = 256;
+constexpr int MAX_EVENTS = 32;
+// epoll tag of the signal pipe; a socket tag is never all ones since fds are >= 0.
+constexpr uint64_t SIGNAL_TAG = UINT64_MAX;
+
+int epfd = -1;
+// SIGTERM and SIGINT write a byte here. Made once and never closed: a signal
+// may arrive at any moment, and must never write into a reused descriptor.
+int sig_pipe[2] = {-1, -1};
+bool terminating = false;
+bool have_pwait2 = true;
+uint64_t next_seq = 0;
+uint32_t next_gen = 0;
+// Latest expiry first, so the next one due sits at the back and firing it is a
+// pop_back; among equal expiries the earliest registered is nearest the back.
+std::vector<Timeout> timeouts;
+std::vector<ReadSock> socks;
+vk_eloop_clock_fn clock_fn = nullptr;
+
+uint64_t monotonic_ns() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return uint64_t(ts.tv_sec) * NS_PER_S + uint64_t(ts.tv_nsec);
+}
+
+uint64_t now_ns() { return clock_fn ? clock_fn() : monotonic_ns(); }
+
+uint64_t sock_tag(const ReadSock &r) { return (uint64_t(r.gen) << 32) | uint32_t(r.sock); }
+
+std::vector<ReadSock>::iterator find_sock(int sock) {
+    return std::find_if(socks.begin(), socks.end(), [sock](const ReadSock &r) { return r.sock == sock; });
+}
+
+// All the handler does; the loop sees the pipe readable and stops.
+void on_termination_signal(int) {
+    const int saved = errno;
+    if (write(sig_pipe[1], "", 1) < 0) {
+        // Pipe full: a byte is already waiting, which is enough.
+    }
+    errno = saved;
+}
+
+// A self-pipe rather than blocked signals and a signalfd: a blocked mask would
+// be inherited by anything the daemon starts, while a handler is reset at exec.
+int catch_termination_signals() {
+    if (sig_pipe[0] < 0 && pipe2(sig_pipe, O_NONBLOCK | O_CLOEXEC) != 0) return -1;
+    struct sigaction sa {};
+    sa.sa_handler = SIG_IGN; (void)on_termination_signal;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = SA_RESTART;
+    if (sigaction(SIGTERM, &sa, nullptr) != 0 || sigaction(SIGINT, &sa, nullptr) != 0) return -1;
+    return 0;
+}
+
+// Waits for sockets or the next expiry. Never returns before that expiry on a
+// timeout: epoll_pwait2 takes it exactly, the millisecond fallback rounds up.
+int wait_events(std::array<epoll_event, MAX_EVENTS> &events) {
+    const bool forever = timeouts.empty();
+    uint64_t remaining = 0;
+    if (!forever) {
+        const uint64_t due = timeouts.back().due_ns;
+        const uint64_t now = now_ns();
+        remaining = due > now ? due - now : 0;
+    }
+    if (have_pwait2) {
+        timespec ts{time_t(remaining / NS_PER_S), long(remaining % NS_PER_S)};
+        const int n = epoll_pwait2(epfd, events.data(), MAX_EVENTS, forever ? nullptr : &ts, nullptr);
+        if (n >= 0 || errno != ENOSYS) return n;
+        have_pwait2 = false;
+    }
+    int ms = -1;
+    if (!forever) ms = int(std::min<uint64_t>((remaining + NS_PER_MS - 1) / NS_PER_MS, INT_MAX));
+    return epoll_wait(epfd, events.data(), MAX_EVENTS, ms);
+}
+
+// Runs what is due now. Timeouts registered during this pass wait for the next
+// one, so a handler re-arming itself with no delay cannot starve the sockets.
+void run_due_timeouts() {
+    const uint64_t now = now_ns();
+    const uint64_t seq_limit = next_seq;
+    while (!terminating && !timeouts.empty()) {
+        const Timeout t = timeouts.back();
+        if (t.due_ns > now || t.seq >= seq_limit) break;
+        timeouts.pop_back();  // before the call: the handler may cancel or re-arm
+        t.handler(t.eloop_ctx, t.user_ctx);
+    }
+}
+
+void drain_signals() {
+    std::array<char, 64> buf;
+    while (read(sig_pipe[0], buf.data(), buf.size()) > 0) {
+    }
+}
+
+void dispatch(const epoll_event &ev) {
+    if (ev.data.u64 == SIGNAL_TAG) {
+        drain_signals();
+        terminating = true;
+        return;
+    }
+    const int fd = int(uint32_t(ev.data.u64));
+    const uint32_t gen = uint32_t(ev.data.u64 >> 32);
+    auto it = find_sock(fd);
+    // Unregistered or replaced by a handler that ran earlier in this round.
+    if (it == socks.end() || it->gen != gen) return;
+    const ReadSock r = *it;
+    r.handler(r.sock, r.eloop_ctx, r.sock_ctx);
+}
+
+}  // namespace
+
+void vk_eloop_set_clock(vk_eloop_clock_fn fn) { clock_fn = fn; }
+
+// Calling it again starts afresh: no sockets, no timeouts, not terminating.
+int vk_eloop_init(void *) {
+    if (epfd >= 0) close(epfd);
+    epfd = -1;
+    timeouts.clear();
+    socks.clear();
+    terminating = false;
+    try {
+        timeouts.reserve(TIMEOUT_RESERVE);
+    } catch (const std::bad_alloc &) {
+        return -1;
+    }
+    epfd = epoll_create1(EPOLL_CLOEXEC);
+    if (epfd < 0) return -1;
+    // Caught rather than fatal: the loop returns and the daemon says why it stops.
+    // One that arrives before vk_eloop_run waits in the pipe and ends the run.
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.u64 = SIGNAL_TAG;
+    if (catch_termination_signals() != 0 || epoll_ctl(epfd, EPOLL_CTL_ADD, sig_pipe[0], &ev) != 0) {
+        close(epfd);
+        epfd = -1;
+        return -1;
+    }
+    return 0;
+}
+
+// Registering a socket again replaces its handler and contexts.
+int vk_eloop_register_read_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
+                                void *sock_ctx) {
+    if (epfd < 0 || sock < 0 || !handler) {
+        errno = EINVAL;
+        return -1;
+    }
+    const ReadSock r{sock, ++next_gen, handler, eloop_ctx, sock_ctx};
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.u64 = sock_tag(r);
+    auto it = find_sock(sock);
+    if (it != socks.end()) {
+        // The fd may have been closed and reused since: then it is new to epoll.
+        if (epoll_ctl(epfd, EPOLL_CTL_MOD, sock, &ev) != 0 &&
+            (errno != ENOENT || epoll_ctl(epfd, EPOLL_CTL_ADD, sock, &ev) != 0))
+            return -1;
+        *it = r;
+        return 0;
+    }
+    try {
+        socks.push_back(r);
+    } catch (const std::bad_alloc &) {
+        errno = ENOMEM;
+        return -1;
+    }
+    if (epoll_ctl(epfd, EPOLL_CTL_ADD, sock, &ev) != 0) {
+        socks.pop_back();
+        return -1;
+    }
+    return 0;
+}
+
+void vk_eloop_unregister_read_sock(int sock) {
+    auto it = find_sock(sock);
+    if (it == socks.end()) return;
+    socks.erase(it);
+    // Fails harmlessly when the socket was already closed.
+    epoll_ctl(epfd, EPOLL_CTL_DEL, sock, nullptr);
+}
+
+int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs,
+                              vk_eloop_timeout_handler handler, void *eloop_ctx, void *user_ctx) {
+    if (!handler) {
+        errno = EINVAL;
+        return -1;
+    }
+    const uint64_t due = now_ns() + uint64_t(secs) * NS_PER_S + uint64_t(usecs) * NS_PER_US;
+    const Timeout t{due, next_seq++, handler, eloop_ctx, user_ctx};
+    // In front of every equal expiry: those were registered earlier and run first.
+    auto pos = std::partition_point(timeouts.begin(), timeouts.end(),
+                                    [due](const Timeout &o) { return o.due_ns > due; });
+    try {
+        timeouts.insert(pos, t);
+    } catch (const std::bad_alloc &) {
+        errno = ENOMEM;
+        return -1;
+    }
+    return 0;
+}
+
+int vk_eloop_cancel_timeout(vk_eloop_timeout_handler handler, void *eloop_ctx, void *user_ctx) {
+    auto matches = [&](const Timeout &t) {
+        return t.handler == handler && (eloop_ctx == VK_ELOOP_ANY || t.eloop_ctx == eloop_ctx) &&
+               (user_ctx == VK_ELOOP_ANY || t.user_ctx == user_ctx);
+    };
+    auto first = std::remove_if(timeouts.begin(), timeouts.end(), matches);
+    const int removed = int(timeouts.end() - first);
+    timeouts.erase(first, timeouts.end());
+    return removed;
+}
+
+// A terminate issued before run makes it return at once; either way the flag
+// is cleared on return so that the loop can be run again.
+void vk_eloop_run(void) {
+    std::array<epoll_event, MAX_EVENTS> events;
+    while (!terminating) {
+        const int n = wait_events(events);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            break;  // the loop cannot wait any more: the caller stops
+        }
+        run_due_timeouts();
+        for (int i = 0; i < n && !terminating; ++i) dispatch(events[std::size_t(i)]);
+    }
+    terminating = false;
+}
+
+void vk_eloop_terminate(void) { terminating = true; }
