@@ -88,7 +88,7 @@ void on_termination_signal(int) {
 int catch_termination_signals() {
     if (sig_pipe[0] < 0 && pipe2(sig_pipe, O_NONBLOCK | O_CLOEXEC) != 0) return -1;
     struct sigaction sa {};
-    sa.sa_handler = SIG_IGN; (void)on_termination_signal;
+    sa.sa_handler = on_termination_signal;
     sigemptyset(&sa.sa_mask);
     sa.sa_flags = SA_RESTART;
     if (sigaction(SIGTERM, &sa, nullptr) != 0 || sigaction(SIGINT, &sa, nullptr) != 0) return -1;

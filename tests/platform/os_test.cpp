@@ -1,0 +1,76 @@
+// The operating-system seam: calls reach the C library, receives never block.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "platform/os.h"
+
+namespace {
+
+TEST(Os, UdpRoundTripAndReceiveThatDoesNotBlock) {
+    const int fd = vk_os_socket(AF_INET, SOCK_DGRAM, 0);  // a blocking socket
+    ASSERT_GE(fd, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(vk_os_bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+    socklen_t len = sizeof addr;
+    ASSERT_EQ(getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len), 0);
+
+    const std::string out = "datagram";
+    EXPECT_EQ(vk_os_sendto(fd, out.data(), out.size(), 0, reinterpret_cast<sockaddr *>(&addr), sizeof addr),
+              ssize_t(out.size()));
+    std::vector<char> in(64);
+    sockaddr_in from{};
+    socklen_t from_len = sizeof from;
+    const ssize_t n = vk_os_recvfrom(fd, in.data(), in.size(), 0, reinterpret_cast<sockaddr *>(&from), &from_len);
+    ASSERT_EQ(n, ssize_t(out.size()));
+    EXPECT_EQ(std::string(in.data(), std::size_t(n)), out);
+    EXPECT_EQ(from.sin_port, addr.sin_port);
+
+    // Should the receive block after all, this bounds the wait so the test fails instead of hanging.
+    const timeval bound{3, 0};
+    ASSERT_EQ(setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound), 0);
+    const auto started = std::chrono::steady_clock::now();
+    errno = 0;
+    EXPECT_EQ(vk_os_recvfrom(fd, in.data(), in.size(), 0, nullptr, nullptr), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(3)) << "an empty socket answers at once";
+    EXPECT_EQ(vk_os_close(fd), 0);
+    EXPECT_EQ(vk_os_close(fd), -1);
+}
+
+TEST(Os, ClocksAgree) {
+    const time_t before = vk_os_time(nullptr);
+    vk_timeb tb{};
+    vk_os_ftime(&tb);
+    time_t stored = 0;
+    const time_t after = vk_os_time(&stored);
+    EXPECT_LE(before, tb.time);
+    EXPECT_LE(tb.time, after);
+    EXPECT_LT(tb.millitm, 1000);
+    EXPECT_EQ(stored, after);
+}
+
+TEST(Os, RandomSequenceFollowsTheSeed) {
+    const auto sequence = [](unsigned seed) {
+        vk_os_srand(seed);
+        std::vector<int> s;
+        for (int i = 0; i < 5; ++i) s.push_back(vk_os_rand());
+        return s;
+    };
+    EXPECT_EQ(sequence(42), sequence(42));
+    EXPECT_NE(sequence(42), sequence(43));
+}
+
+TEST(Os, SysinfoReportsUptime) {
+    struct sysinfo info {};
+    ASSERT_EQ(vk_os_sysinfo(&info), 0);
+    EXPECT_GT(info.uptime, 0);
+}
+
+}  // namespace
