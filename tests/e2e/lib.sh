@@ -86,7 +86,7 @@ TOVRIN_WRAP=()
 # Starts drav-sim in the controller namespace with ARGS; commands go to it with sim_cmd.
 start_sim() {
     mkfifo "$WORK/sim.in"
-    in_ctl "$DRAVSIM_BIN" --bind "$TOVRIN_CTL_IP" "$@" <"$WORK/sim.in" >"$WORK/sim.out" 2>&1 &
+    ip netns exec "$TOVRIN_NS_CTL" "$DRAVSIM_BIN" --bind "$TOVRIN_CTL_IP" "$@" <"$WORK/sim.in" >"$WORK/sim.out" 2>&1 &
     E2E_PIDS+=($!)
     SIM_PID=$!
     exec 7>"$WORK/sim.in"  # held open so the simulator never sees the end of its input
@@ -96,7 +96,8 @@ sim_cmd() { echo "$*" >&7; }
 
 # Starts `tovrinctl listen ID` writing to $WORK/listen-ID.out.
 start_listen() {
-    ctl listen "$1" >"$WORK/listen-$1.out" 2>&1 &
+    # Started directly, not through a shell function, so $! is tovrinctl itself.
+    "$TOVRINCTL_BIN" listen "$1" >"$WORK/listen-$1.out" 2>&1 &
     E2E_PIDS+=($!)
     local i
     for ((i = 0; i < 100; i++)); do
