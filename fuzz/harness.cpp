@@ -1,0 +1,238 @@
+#include "harness.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "core/ipc_codes.h"
+#include "core/startup.h"
+#include "link/cipher.h"
+#include "link/protect.h"
+#include "link/send_queue.h"
+#include "platform/eloop.h"
+#include "platform/log.h"
+#include "relay/endpoints.h"
+#include "relay/relay.h"
+
+namespace fz {
+
+namespace {
+uint32_t ip_of(uint8_t a, uint8_t b, uint8_t c, uint8_t d) {
+    const uint8_t o[4] = {a, b, c, d};
+    uint32_t ip;
+    std::memcpy(&ip, o, 4);
+    return ip;
+}
+
+// Opened once for the process: verbose inputs format every line into it. A
+// memory stream, since the log flushes every line and a file would cost a
+// system call each time; the log rewinds it at its maximum size.
+FILE *null_stream() {
+    static char buf[2 * VK_LOG_DEFAULT_MAXSIZE];
+    static FILE *f = fmemopen(buf, sizeof buf, "w");
+    return f;
+}
+}  // namespace
+
+uint32_t ctrl_ip() { return ip_of(198, 18, 0, 1); }
+uint32_t other_ip() { return ip_of(198, 18, 0, 9); }
+
+std::vector<uint8_t> Input::bytes(std::size_t n) {
+    n = std::min(n, left());
+    std::vector<uint8_t> out(p_ + pos_, p_ + pos_ + n);
+    pos_ += n;
+    return out;
+}
+
+std::vector<uint8_t> Input::chunk(std::size_t max) { return bytes(std::min<std::size_t>(u16(), max)); }
+
+void fail(const char *what, const char *file, int line) {
+    std::fprintf(stderr, "%s:%d: check failed: %s\n", file, line, what);
+    std::fflush(stderr);
+    std::abort();
+}
+
+void begin(bool verbose) {
+    sim::reset();
+    std::memset(&tovrin_gbl, 0, sizeof tovrin_gbl);
+    std::memset(&tovrin_ipc, 0, sizeof tovrin_ipc);
+    tovrin_iv_count = 0;
+    tovrin_msg_id = TOVRIN_MSG_ID_START;
+    tovrin_send_queue_configure(nullptr);
+    vk_log_conf_data[0] = 1;
+    vk_log_conf_data[VK_LOG_W_LEVEL] = verbose ? 4 : 0;
+    vk_log_conf_data[VK_LOG_W_ECHO] = 0;
+    vk_log_conf_data[VK_LOG_W_MAXSIZE] = static_cast<int32_t>(VK_LOG_DEFAULT_MAXSIZE);
+    log_file_name = verbose ? null_stream() : nullptr;
+    if (log_file_name != nullptr) std::rewind(log_file_name);
+    cur_log_size = 0;
+    vk_eloop_init(nullptr);
+    tovrin_init_struct();
+    tovrin_vk_ipc_init();
+    sim::settle();
+}
+
+void check_state() {
+    const tovrin_comm_t &c = tovrin_gbl.comm;
+    FZ_CHECK(c.rx_len >= 0 && c.rx_len <= static_cast<int32_t>(TOVRIN_MAX_PAYLOAD));
+    FZ_CHECK(c.ack_wait == 0 || c.ack_wait == 1);
+    if (c.tail == nullptr) {  // never opened: the queue was never set up
+        FZ_CHECK(c.head == nullptr && c.msg_cnt == 0);
+        return;
+    }
+    int32_t n = 0;
+    tovrin_msg_t *const *link = &c.head;
+    for (const tovrin_msg_t *m = c.head; m != nullptr; m = m->next) {
+        FZ_CHECK(m->prev == link);
+        FZ_CHECK(m->data_len > 0 && m->data_len <= static_cast<int32_t>(TOVRIN_MAX_PAYLOAD));
+        link = &m->next;
+        ++n;
+        FZ_CHECK(n <= tovrin_send_queue_max);
+    }
+    FZ_CHECK(c.tail == link);
+    FZ_CHECK(n == c.msg_cnt);
+    // A message waits on the wire only with its retry timer armed.
+    FZ_CHECK(c.ack_wait == 0 || c.head != nullptr);
+    FZ_CHECK((sim::pending_timeouts(tovrin_msg_retry) != 0) == (c.ack_wait == 1));
+    // Messages are queued only while the link is up; going down empties the queue.
+    if (tovrin_gbl.status == 0) FZ_CHECK(c.head == nullptr);
+}
+
+void end() {
+    check_state();
+    while (tovrin_gbl.comm.head != nullptr) tovrin_complete_send_msg(&tovrin_gbl, tovrin_gbl.comm.head);
+    FZ_CHECK(tovrin_gbl.comm.msg_cnt == 0);
+    log_file_name = nullptr;
+    sim::reset();
+}
+
+void quiet_echo() { vk_log_conf_data[VK_LOG_W_ECHO] = 0; }
+
+void notify(uint32_t type, const std::vector<uint8_t> &payload) {
+    sim::ipc_inject(type, VK_IPC_F_NOTIFY, payload);
+    sim::settle();
+}
+
+void set_controller(uint32_t ip) {
+    std::vector<uint8_t> p(4);
+    std::memcpy(p.data(), &ip, 4);
+    notify(TOVRIN_IPC_CTRL_IP, p);
+}
+
+void from_ctrl(const std::vector<uint8_t> &dgram, uint32_t src) {
+    sim::udp_inject(src, dgram);
+    sim::settle();
+}
+
+bool bring_up() {
+    set_controller(ctrl_ip());
+    from_ctrl(ctrl_packet(TOVRIN_CTRL_REGISTER, TOVRIN_REG_LEN, TOVRIN_REG_LEN));
+    return tovrin_gbl.status == 1;
+}
+
+void set_key(const std::vector<uint8_t> &key) {
+    std::vector<uint8_t> p(4);
+    const uint32_t n = static_cast<uint32_t>(key.size());
+    std::memcpy(p.data(), &n, 4);
+    p.insert(p.end(), key.begin(), key.end());
+    notify(TOVRIN_IPC_SET_KEY, p);
+}
+
+void set_encrypt(int32_t state) {
+    std::vector<uint8_t> p(4);
+    std::memcpy(p.data(), &state, 4);
+    notify(TOVRIN_IPC_SET_ENCRYPT, p);
+}
+
+void app_send(int32_t src, int32_t dst, uint32_t flags, uint32_t id, const std::vector<uint8_t> &data) {
+    tovrin_app_msg_t h{};
+    h.src_ep = src;
+    std::strncpy(h.src_name, "fuzzer", sizeof h.src_name - 1);
+    h.id = id;
+    h.flags = flags;
+    h.dst_ep = dst;
+    h.len = static_cast<uint32_t>(data.size());
+    std::vector<uint8_t> p(TOVRIN_APP_HDR_LEN);
+    std::memcpy(p.data(), &h, TOVRIN_APP_HDR_LEN);
+    p.insert(p.end(), data.begin(), data.end());
+    notify(TOVRIN_IPC_SEND_MSG, p);
+}
+
+std::vector<uint8_t> frame(uint8_t flags, uint8_t frag, uint8_t ctlr_trans, uint8_t ap_trans,
+                           const std::vector<uint8_t> &payload) {
+    std::vector<uint8_t> d(TOVRIN_HDR_LEN);
+    tovrin_hdr_t h = tovrin_hdr_make(flags);
+    h.frag = frag;
+    h.ctlr_trans = ctlr_trans;
+    h.ap_trans = ap_trans;
+    h.data_len = static_cast<uint16_t>(payload.size());
+    tovrin_hdr_encode(h, std::span<uint8_t, TOVRIN_HDR_LEN>(d.data(), TOVRIN_HDR_LEN));
+    d.insert(d.end(), payload.begin(), payload.end());
+    return d;
+}
+
+std::vector<uint8_t> ctrl_packet(uint8_t type, uint16_t len_field, std::size_t size) {
+    std::vector<uint8_t> p(std::max<std::size_t>(size, 4), 0);
+    p[0] = type;
+    tovrin_store16(&p[2], len_field);
+    p.resize(size);
+    return frame(TOVRIN_F_CTRL | TOVRIN_F_DATA, 0, 0, 0, p);
+}
+
+std::vector<uint8_t> ack_for(uint8_t ap_trans) { return frame(TOVRIN_F_ACK, 0, 0, ap_trans, {}); }
+
+std::vector<uint8_t> plain_payload(int32_t src, int32_t dst, const std::vector<uint8_t> &data) {
+    std::vector<uint8_t> p(TOVRIN_PLAIN_HDR_LEN);
+    p[0] = TOVRIN_DATA_PLAIN;
+    tovrin_store16(&p[2], static_cast<uint16_t>(p.size() + data.size()));
+    tovrin_store32(&p[4], static_cast<uint32_t>(src));
+    tovrin_store32(&p[8], static_cast<uint32_t>(dst));
+    p.insert(p.end(), data.begin(), data.end());
+    return p;
+}
+
+std::vector<uint8_t> enc_payload(int32_t src, int32_t dst, const std::vector<uint8_t> &data,
+                                 const std::vector<uint8_t> &key, const std::vector<uint8_t> &iv) {
+    const std::size_t len = TOVRIN_ENC_HDR_LEN + data.size();
+    const std::size_t pad = (16 - len % 16) % 16;
+    std::vector<uint8_t> p(TOVRIN_ENC_HDR_LEN);
+    p[0] = TOVRIN_DATA_ENC;
+    tovrin_store16(&p[2], static_cast<uint16_t>(len + pad));
+    tovrin_store32(&p[4], static_cast<uint32_t>(src));
+    tovrin_store32(&p[8], static_cast<uint32_t>(dst));
+    tovrin_store32(&p[12], static_cast<uint32_t>(pad));
+    std::copy_n(iv.begin(), std::min<std::size_t>(iv.size(), TOVRIN_IV_LEN), p.begin() + 16);
+    std::vector<uint8_t> body(data);
+    body.resize(data.size() + pad, 0);
+    tovrin_md5(body.data(), body.size(), &p[32]);
+    std::vector<uint8_t> ct(body.size());
+    if (!body.empty()) FZ_CHECK(tovrin_aes_cbc(true, body.data(), ct.data(), body.size(), key.data(), key.size(), &p[16]));
+    p.insert(p.end(), ct.begin(), ct.end());
+    return p;
+}
+
+std::vector<std::vector<uint8_t>> fragments(const std::vector<uint8_t> &payload, uint8_t ctlr_trans,
+                                            uint8_t extra_flags) {
+    std::vector<std::vector<uint8_t>> out;
+    std::size_t off = 0;
+    uint8_t n = 0;
+    do {
+        const std::size_t size = std::min<std::size_t>(TOVRIN_FRAG_SIZE, payload.size() - off);
+        const bool more = off + size < payload.size();
+        std::vector<uint8_t> part(payload.begin() + static_cast<long>(off),
+                                  payload.begin() + static_cast<long>(off + size));
+        const uint8_t flags = TOVRIN_F_DATA | TOVRIN_F_ACK_REQ | extra_flags | (more ? TOVRIN_F_MORE_FRAGS : 0);
+        out.push_back(frame(flags, n++, ctlr_trans, 0, part));
+        off += size;
+    } while (off < payload.size());
+    return out;
+}
+
+std::string endpoint_path(int32_t id) {
+    for (const tovrin_app_ep_t *ep = app_ep; ep->id != -1; ++ep)
+        if (ep->id == id) return ep->path;
+    return "";
+}
+
+}  // namespace fz

@@ -1,0 +1,80 @@
+#pragma once
+// A controller as the access point expects one: it answers registration and
+// keepalive requests, reassembles and acknowledges the access point's data
+// messages, and sends messages of its own one at a time, retransmitting the
+// whole message with the RETX flag after 1, 2, 4 and 8 s and giving up after
+// the fifth transmission, as the daemon's own sender does.
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <optional>
+#include <vector>
+
+namespace simulate {
+
+// A message the controller sent, as the scenario needs to judge deliveries.
+struct CtrlMsg {
+    uint64_t serial;              // also the first 8 data bytes
+    int32_t src, dst;
+    std::vector<uint8_t> data;
+    uint8_t trans = 0;
+    bool acked = false;           // an acknowledgement for it came back
+};
+
+// A data message the controller received whole from the access point.
+struct ApMsg {
+    int32_t src, dst;
+    std::vector<uint8_t> data;
+};
+
+class Controller {
+public:
+    using Send = std::function<void(uint32_t from_ip, std::vector<uint8_t> bytes)>;
+    Controller(Send send, std::vector<uint8_t> key) : send_(std::move(send)), key_(std::move(key)) {}
+
+    uint32_t ip = 0;              // where it listens and sends from
+    bool answering = true;        // false: receives nothing, sends nothing
+
+    // Moves to a new address: a restarted controller, its message in flight abandoned.
+    void restart_at(uint32_t new_ip, uint8_t first_trans);
+    // Queues a message of its own; it leaves when the ones before it are done.
+    void queue_msg(int32_t src, int32_t dst, std::vector<uint8_t> data, bool encrypt);
+    void receive(uint64_t now_us, uint32_t dst_ip, const std::vector<uint8_t> &bytes);
+    // Retransmission and the next message; call at next_at().
+    void tick(uint64_t now_us);
+    std::optional<uint64_t> next_at() const;
+    bool idle() const { return !cur_ && queue_.empty(); }
+
+    // Every message it ever sent (by serial) and every one it received whole.
+    std::map<uint64_t, CtrlMsg> sent;
+    std::vector<ApMsg> received;
+    // Transmissions of each sent message, and the serial of a message by the
+    // first bytes of its payload (at most 48), to recognise its fragment 0.
+    std::map<uint64_t, int> transmissions;
+    std::map<std::vector<uint8_t>, uint64_t> by_head;
+
+private:
+    struct Out {
+        uint64_t serial;
+        std::vector<uint8_t> payload;
+        int attempts = 0;
+        uint64_t next_us = 0;
+    };
+    void transmit(uint64_t now_us);
+    void data_from_ap(const std::vector<uint8_t> &bytes);
+
+    Send send_;
+    std::vector<uint8_t> key_;
+    uint8_t next_trans_ = 1;
+    uint64_t next_serial_ = 1;
+    std::deque<Out> queue_;
+    std::optional<Out> cur_;
+    uint8_t cur_trans_ = 0;
+    // Reassembly of the access point's message in progress.
+    std::vector<uint8_t> rx_;
+    int rx_next_frag_ = -1;
+    int rx_trans_ = -1;
+};
+
+}  // namespace simulate
