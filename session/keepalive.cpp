@@ -9,7 +9,7 @@
 #include "platform/os.h"
 #include "session/link_status.h"
 #include "session/registration.h"
-#include "session/uptime.h"
+#include "session/ctrl_req.h"
 
 tovrin_ka_rate_t ka_rate_arr[TOVRIN_KA_SLOTS];
 
@@ -25,28 +25,9 @@ void tovrin_send_keepalive(void * /*eloop_ctx*/, void * /*user_ctx*/) {
         return;
     }
     uint8_t req[TOVRIN_KA_REQ_LEN] = {};
-    tovrin_hdr_t h = tovrin_hdr_make(TOVRIN_F_CTRL | TOVRIN_F_DATA);
-    h.data_len = TOVRIN_KA_LEN;
-    tovrin_hdr_encode(h, std::span<uint8_t, TOVRIN_HDR_LEN>(req, TOVRIN_HDR_LEN));
-    uint8_t *p = req + TOVRIN_HDR_LEN;
-    p[0] = TOVRIN_CTRL_KEEPALIVE;
-    tovrin_store16(p + 2, TOVRIN_KA_LEN);
-    std::memcpy(p + 4, g.serial_num, TOVRIN_SERIAL_LEN);
-    tovrin_store32(p + 20, tovrin_uptime(fn));
-    std::memcpy(p + 24, g.vap_mac, TOVRIN_MAC_LEN);
-    tovrin_store32(p + 32, g.ka_rate);
-
-    g.peer_addr.sin_addr.s_addr = g.drav_ip;
-    if (g.drav_ip == 0) {
-        TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Controller not configured\n", fn);
-        return;
-    }
-    if (g.sock < 0) {
-        TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Failed to send, socket %d not open\n", fn, g.sock);
-        return;
-    }
-    vk_os_sendto(g.sock, req, sizeof req, MSG_DONTWAIT, reinterpret_cast<const sockaddr *>(&g.peer_addr),
-                 sizeof g.peer_addr);
+    tovrin_build_ctrl_req(req, TOVRIN_CTRL_KEEPALIVE, TOVRIN_KA_LEN, fn);
+    tovrin_store32(req + TOVRIN_HDR_LEN + 32, g.ka_rate);
+    if (!tovrin_send_ctrl_req(req, sizeof req, fn)) return;
     g.status_msg_id += 1;
     g.ka_miss_cnt += 1;
     vk_eloop_register_timeout(0, g.ka_rate * 200u, tovrin_send_keepalive, nullptr, nullptr);

@@ -8,7 +8,7 @@
 #include "platform/os.h"
 #include "session/keepalive.h"
 #include "session/link_status.h"
-#include "session/uptime.h"
+#include "session/ctrl_req.h"
 
 void tovrin_send_registration(void * /*eloop_ctx*/, void * /*user_ctx*/) {
     static constexpr const char *fn = "tovrin_send_registration";
@@ -17,32 +17,14 @@ void tovrin_send_registration(void * /*eloop_ctx*/, void * /*user_ctx*/) {
                (TOVRIN_IP_OCTETS_AS_U32(g.drav_ip)));
 
     uint8_t req[TOVRIN_REG_REQ_LEN] = {};
-    tovrin_hdr_t h = tovrin_hdr_make(TOVRIN_F_CTRL | TOVRIN_F_DATA);
-    h.data_len = TOVRIN_REG_LEN;
-    tovrin_hdr_encode(h, std::span<uint8_t, TOVRIN_HDR_LEN>(req, TOVRIN_HDR_LEN));
+    tovrin_build_ctrl_req(req, TOVRIN_CTRL_REGISTER, TOVRIN_REG_LEN, fn);
     uint8_t *p = req + TOVRIN_HDR_LEN;
-    p[0] = TOVRIN_CTRL_REGISTER;
-    tovrin_store16(p + 2, TOVRIN_REG_LEN);
-    std::memcpy(p + 4, g.serial_num, TOVRIN_SERIAL_LEN);
-    tovrin_store32(p + 20, tovrin_uptime(fn));
-    std::memcpy(p + 24, g.vap_mac, TOVRIN_MAC_LEN);
     p[30] = static_cast<uint8_t>(g.reg_param);
     p[31] = static_cast<uint8_t>(g.name_len);
     std::memcpy(p + 32, g.name, TOVRIN_NAME_LEN);
     tovrin_store32(p + 96, g.ka_rate);
     tovrin_store32(p + 100, g.reg_extra);
-
-    g.peer_addr.sin_addr.s_addr = g.drav_ip;
-    if (g.drav_ip == 0) {
-        TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Controller not configured\n", fn);
-        return;
-    }
-    if (g.sock < 0) {
-        TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Failed to send, socket %d not open\n", fn, g.sock);
-        return;
-    }
-    vk_os_sendto(g.sock, req, sizeof req, MSG_DONTWAIT, reinterpret_cast<const sockaddr *>(&g.peer_addr),
-                 sizeof g.peer_addr);
+    if (!tovrin_send_ctrl_req(req, sizeof req, fn)) return;
     int32_t next = g.reg_interval * 2;
     g.reg_interval = next <= TOVRIN_REG_INTERVAL_MAX ? next : TOVRIN_REG_INTERVAL_MAX;
     vk_eloop_register_timeout(0, static_cast<unsigned>(g.reg_interval) * 1000u, tovrin_send_registration,
