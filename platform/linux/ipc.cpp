@@ -20,6 +20,9 @@ namespace {
 struct HandleLib {
     uint32_t magic;
     char file[sizeof(sockaddr_un::sun_path)];
+    // $VK_IPC_ROOT as it was at open: the first root_len bytes of file. Kept
+    // so that sends and receives need no environment lookup per datagram.
+    uint8_t root_len;
 };
 static_assert(sizeof(HandleLib) <= sizeof(vk_ipc_handle_t::lib));
 constexpr uint32_t HANDLE_OPEN = 0x766b6970;
@@ -34,6 +37,15 @@ std::string_view ipc_root() {
     return r ? r : "";
 }
 
+// The root a handle was opened under; the environment's for a handle not open.
+std::string_view handle_root(const vk_ipc_handle_t *h) {
+    uint32_t magic;
+    std::memcpy(&magic, h->lib + offsetof(HandleLib, magic), sizeof magic);
+    if (magic != HANDLE_OPEN) return ipc_root();
+    const auto *file = reinterpret_cast<const char *>(h->lib + offsetof(HandleLib, file));
+    return {file, h->lib[offsetof(HandleLib, root_len)]};
+}
+
 int fail(int err) {
     errno = err;
     return -1;
@@ -41,12 +53,11 @@ int fail(int err) {
 
 // Root + endpoint path. The path field must hold its NUL, and the whole must
 // fit sun_path: a cut path would name another endpoint.
-int make_addr(const char (&path)[VK_IPC_PATH_MAX], Addr &a) {
+int make_addr(const char (&path)[VK_IPC_PATH_MAX], std::string_view root, Addr &a) {
     const void *nul = std::memchr(path, '\0', VK_IPC_PATH_MAX);
     if (!nul) return ENAMETOOLONG;
     const std::size_t plen = std::size_t(static_cast<const char *>(nul) - path);
     if (plen == 0) return EINVAL;
-    const std::string_view root = ipc_root();
     if (root.size() + plen >= sizeof a.un.sun_path) return ENAMETOOLONG;
     std::memset(&a.un, 0, sizeof a.un);
     a.un.sun_family = AF_UNIX;
@@ -102,13 +113,12 @@ int bind_endpoint(int s, const Addr &a) {
 
 // The sender's bound path without the root: empty when it is unbound, abstract
 // or too long to answer through a path field.
-void sender_path(const sockaddr_un &from, socklen_t flen, char (&out)[VK_IPC_PATH_MAX]) {
+void sender_path(const sockaddr_un &from, socklen_t flen, std::string_view root, char (&out)[VK_IPC_PATH_MAX]) {
     out[0] = '\0';
     constexpr std::size_t base = offsetof(sockaddr_un, sun_path);
     if (flen <= base || from.sun_path[0] == '\0') return;
     const std::size_t max = std::min<std::size_t>(flen - base, sizeof from.sun_path);
     std::string_view p(from.sun_path, strnlen(from.sun_path, max));
-    const std::string_view root = ipc_root();
     if (!root.empty() && p.starts_with(root)) p.remove_prefix(root.size());
     if (p.size() >= VK_IPC_PATH_MAX) return;
     std::memcpy(out, p.data(), p.size());
@@ -119,7 +129,7 @@ int send_envelope(vk_ipc_send_desc_t *d) {
     if (!d || !d->handle || !d->msg) return fail(EINVAL);
     if (d->msg->len > VK_IPC_PAYLOAD_MAX) return fail(EMSGSIZE);
     Addr a;
-    if (const int err = make_addr(d->peer, a)) return fail(err);
+    if (const int err = make_addr(d->peer, handle_root(d->handle), a)) return fail(err);
     const ssize_t n = sendto(d->handle->sock, d->msg, VK_IPC_HDR_LEN + d->msg->len,
                              MSG_DONTWAIT | MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&a.un), a.len);
     return n < 0 ? -1 : 0;
@@ -132,7 +142,8 @@ int vk_ipc_open(vk_ipc_handle_t *h) {
     h->sock = -1;
     std::memset(h->lib, 0, sizeof h->lib);
     Addr a;
-    if (const int err = make_addr(h->path, a)) return fail(err);
+    const std::string_view root = ipc_root();
+    if (const int err = make_addr(h->path, root, a)) return fail(err);
     if (const int err = make_parents(a.un.sun_path)) return fail(err);
     const int s = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (s < 0) return -1;
@@ -145,7 +156,7 @@ int vk_ipc_open(vk_ipc_handle_t *h) {
         close(s);
         return fail(err);
     }
-    HandleLib lib{HANDLE_OPEN, {}};
+    HandleLib lib{HANDLE_OPEN, {}, static_cast<uint8_t>(root.size())};  // < sun_path's 108
     std::memcpy(lib.file, a.un.sun_path, sizeof lib.file);
     std::memcpy(h->lib, &lib, sizeof lib);
     h->sock = s;
@@ -180,7 +191,7 @@ int vk_ipc_recv_large(fd_set *set, vk_ipc_recv_desc_t *rec, uint8_t *received) {
     const ssize_t n = recvfrom(s, rec->msg, VK_IPC_MSG_MAX, MSG_DONTWAIT | MSG_TRUNC,
                                reinterpret_cast<sockaddr *>(&from), &flen);
     if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : -1;  // nothing there
-    sender_path(from, flen, rec->sender);
+    sender_path(from, flen, handle_root(rec->handle), rec->sender);
     if (const int err = vk_ipc_check_envelope(rec->msg, std::size_t(n))) return fail(err);
     *received = 1;
     return 0;
