@@ -6,26 +6,32 @@
 
 namespace {
 
-// The fetched algorithms and the two contexts are made once and reused, so a
+// The fetched algorithms and the contexts are made once and reused, so a
 // transmission allocates nothing; the key schedule itself is set up anew at
-// every call, so a new key takes effect at once.
+// every call, so a new key takes effect at once. Each direction has its own
+// cipher context, and a context already set up for the wanted cipher is
+// re-keyed without naming the cipher again: naming it makes libcrypto free
+// and allocate the context's provider state, a heap call at every message.
 struct evp_state {
     EVP_CIPHER *aes[3] = {};
+    EVP_CIPHER_CTX *cctx[2] = {};           // [1] encrypts, [0] decrypts
+    const EVP_CIPHER *cctx_cipher[2] = {};  // the cipher each was last set up with
     EVP_MD *md5 = nullptr;
-    EVP_CIPHER_CTX *cctx = nullptr;
     EVP_MD_CTX *mctx = nullptr;
 
     evp_state() {
         aes[0] = EVP_CIPHER_fetch(nullptr, "AES-128-CBC", nullptr);
         aes[1] = EVP_CIPHER_fetch(nullptr, "AES-192-CBC", nullptr);
         aes[2] = EVP_CIPHER_fetch(nullptr, "AES-256-CBC", nullptr);
+        cctx[0] = EVP_CIPHER_CTX_new();
+        cctx[1] = EVP_CIPHER_CTX_new();
         md5 = EVP_MD_fetch(nullptr, "MD5", nullptr);
-        cctx = EVP_CIPHER_CTX_new();
         mctx = EVP_MD_CTX_new();
     }
     ~evp_state() {
+        EVP_CIPHER_CTX_free(cctx[0]);
+        EVP_CIPHER_CTX_free(cctx[1]);
         EVP_MD_CTX_free(mctx);
-        EVP_CIPHER_CTX_free(cctx);
         EVP_MD_free(md5);
         for (EVP_CIPHER *c : aes) EVP_CIPHER_free(c);
     }
@@ -53,10 +59,15 @@ bool tovrin_aes_cbc(bool encrypt, const uint8_t *in, uint8_t *out, std::size_t l
                     const uint8_t *key, std::size_t keylen, const uint8_t iv[TOVRIN_IV_LEN]) {
     const EVP_CIPHER *cipher = aes_for(keylen);
     if (cipher == nullptr || len % TOVRIN_AES_BLOCK != 0 || len > INT_MAX) return false;
-    EVP_CIPHER_CTX *ctx = evp().cctx;
-    if (ctx == nullptr || EVP_CipherInit_ex2(ctx, cipher, key, iv, encrypt ? 1 : 0, nullptr) != 1)
-        return false;
+    evp_state &st = evp();
+    const int dir = encrypt ? 1 : 0;
+    EVP_CIPHER_CTX *ctx = st.cctx[dir];
+    if (ctx == nullptr) return false;
+    const bool same = st.cctx_cipher[dir] == cipher;
+    st.cctx_cipher[dir] = nullptr;  // set again only once the set-up succeeded
+    if (EVP_CipherInit_ex2(ctx, same ? nullptr : cipher, key, iv, dir, nullptr) != 1) return false;
     EVP_CIPHER_CTX_set_padding(ctx, 0);
+    st.cctx_cipher[dir] = cipher;
     int outl = 0;
     if (len > 0 && EVP_CipherUpdate(ctx, out, &outl, in, static_cast<int>(len)) != 1) return false;
     int finl = 0;
@@ -64,9 +75,12 @@ bool tovrin_aes_cbc(bool encrypt, const uint8_t *in, uint8_t *out, std::size_t l
 }
 
 void tovrin_md5(const uint8_t *in, std::size_t len, uint8_t out[TOVRIN_MD5_LEN]) {
-    EVP_MD_CTX *ctx = evp().mctx;
+    // Each digest set-up makes one heap call inside libcrypto (whether the
+    // context is re-initialised or copied); the deprecated MD5_* calls that
+    // would avoid it are not used.
+    evp_state &st = evp();
     unsigned int n = 0;
-    EVP_DigestInit_ex2(ctx, evp().md5, nullptr);
-    EVP_DigestUpdate(ctx, in, len);
-    EVP_DigestFinal_ex(ctx, out, &n);
+    EVP_DigestInit_ex2(st.mctx, st.md5, nullptr);
+    EVP_DigestUpdate(st.mctx, in, len);
+    EVP_DigestFinal_ex(st.mctx, out, &n);
 }
