@@ -131,6 +131,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
             std::vector<uint8_t> k = (b & 2) ? in.bytes(16) : key;
             if (k.size() != 16) k.resize(16);  // a payload needs some AES key to be built
             p = fz::enc_payload(200, 101, msg, k, iv);
+            FZ_CHECK(!p.empty());
             for (int i = 0; i < (b >> 4); ++i) {
                 const uint16_t at = in.u16();
                 const uint8_t x = in.u8();

@@ -11,6 +11,7 @@
 #include "link/record.h"
 #include "link/wire.h"
 #include "relay/app_msg.h"
+#include "packets.h"
 #include "sim.h"
 
 namespace fz {
@@ -70,18 +71,16 @@ void set_key(const std::vector<uint8_t> &key);
 void set_encrypt(int32_t state);
 void app_send(int32_t src, int32_t dst, uint32_t flags, uint32_t id, const std::vector<uint8_t> &data);
 
-// ---- wire builders ----
-std::vector<uint8_t> frame(uint8_t flags, uint8_t frag, uint8_t ctlr_trans, uint8_t ap_trans,
-                           const std::vector<uint8_t> &payload);
-std::vector<uint8_t> ctrl_packet(uint8_t type, uint16_t len_field, std::size_t size);
-std::vector<uint8_t> ack_for(uint8_t ap_trans);
-std::vector<uint8_t> plain_payload(int32_t src, int32_t dst, const std::vector<uint8_t> &data);
-// key must be 16 bytes.
-std::vector<uint8_t> enc_payload(int32_t src, int32_t dst, const std::vector<uint8_t> &data,
-                                 const std::vector<uint8_t> &key, const std::vector<uint8_t> &iv);
-// Controller fragments of payload under ctlr_trans (flags 0x24 | extra, 0x01 on all but the last).
-std::vector<std::vector<uint8_t>> fragments(const std::vector<uint8_t> &payload, uint8_t ctlr_trans,
-                                            uint8_t extra_flags = 0);
+// ---- wire builders (tests/sim/packets.h) ----
+using ::ack_for;
+using ::enc_payload;
+using ::fragments;
+using ::frame;
+using ::plain_payload;
+// The corpus was made with control packets framed 0xa0.
+inline std::vector<uint8_t> ctrl_packet(uint8_t type, uint16_t len_field, std::size_t size) {
+    return ::ctrl_packet(type, len_field, size, TOVRIN_F_CTRL | TOVRIN_F_DATA);
+}
 // Path of an endpoint id, or "" when the table does not hold it.
 std::string endpoint_path(int32_t id);
 

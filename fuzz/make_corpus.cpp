@@ -81,8 +81,8 @@ Bytes app_msg(int32_t src, int32_t dst, uint32_t flags, uint32_t id, const Bytes
 
 void recv_seeds() {
     using namespace fz;
-    const Bytes reg = ctrl_packet(TOVRIN_CTRL_REGISTER, TOVRIN_REG_LEN, TOVRIN_REG_LEN);
-    const Bytes ka = ctrl_packet(TOVRIN_CTRL_KEEPALIVE, TOVRIN_KA_LEN, TOVRIN_KA_LEN);
+    const Bytes reg = fz::ctrl_packet(TOVRIN_CTRL_REGISTER, TOVRIN_REG_LEN, TOVRIN_REG_LEN);
+    const Bytes ka = fz::ctrl_packet(TOVRIN_CTRL_KEEPALIVE, TOVRIN_KA_LEN, TOVRIN_KA_LEN);
     Bytes b{0x00};  // registering
     chunk(b, 0x00, reg);
     chunk(b, 0x00, ka);
@@ -114,9 +114,9 @@ void recv_seeds() {
     write("fuzz_recv", "encrypted", b);
 
     b = {0x81};  // verbose: refusals of every kind
-    chunk(b, 0x00, ctrl_packet(TOVRIN_CTRL_DRAVIP, TOVRIN_DRAVIP_LEN, TOVRIN_DRAVIP_LEN));
-    chunk(b, 0x00, ctrl_packet(0x21, 8, 8));
-    chunk(b, 0x00, ctrl_packet(TOVRIN_CTRL_REGISTER, 103, 103));
+    chunk(b, 0x00, fz::ctrl_packet(TOVRIN_CTRL_DRAVIP, TOVRIN_DRAVIP_LEN, TOVRIN_DRAVIP_LEN));
+    chunk(b, 0x00, fz::ctrl_packet(0x21, 8, 8));
+    chunk(b, 0x00, fz::ctrl_packet(TOVRIN_CTRL_REGISTER, 103, 103));
     chunk(b, 0x00, Bytes{1, 12, 0});
     Bytes bad = ka;
     bad[4] = 0;

@@ -11,6 +11,7 @@
 #include "link/record.h"
 #include "link/wire.h"
 #include "relay/app_msg.h"
+#include "packets.h"
 #include "sim.h"
 
 inline const uint32_t kCtrl = inet_addr("198.18.0.1");
@@ -25,22 +26,6 @@ std::string strf(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 // Hex text of bytes, lower case, no separators.
 std::string hex(const std::vector<uint8_t> &bytes);
 std::vector<uint8_t> unhex(const std::string &text);
-
-// Frame header bytes.
-std::vector<uint8_t> frame(uint8_t flags, uint8_t frag, uint8_t ctlr_trans, uint8_t ap_trans,
-                           const std::vector<uint8_t> &payload);
-// Controller packets.
-std::vector<uint8_t> reg_response(uint16_t len_field = 104, std::size_t size = 104);
-std::vector<uint8_t> ka_response(uint16_t len_field = 36, std::size_t size = 36);
-std::vector<uint8_t> ack_for(uint8_t ap_trans, uint8_t frag = 0);
-// A plain data payload ('!') from src to dst carrying data.
-std::vector<uint8_t> plain_payload(int32_t src, int32_t dst, const std::vector<uint8_t> &data);
-// An encrypted payload ('&') with the given key and IV, digest and ciphertext made.
-std::vector<uint8_t> enc_payload(int32_t src, int32_t dst, const std::vector<uint8_t> &data,
-                                 const std::vector<uint8_t> &key, const std::vector<uint8_t> &iv);
-// Cuts a payload into controller fragments (flags 0x24, 0x01 on all but the last).
-std::vector<std::vector<uint8_t>> fragments(const std::vector<uint8_t> &payload, uint8_t ctlr_trans,
-                                            uint8_t extra_flags = 0);
 
 // Decoded view of an IPC application message (type 123) sent by the daemon.
 struct AppSeen {
