@@ -1,13 +1,18 @@
 // bench-local: a local endpoint that drives the daemon over IPC.
-//   up   --count N --size S [--window W] [--from 105]
-//        sends N application messages of S bytes (outcome requested) keeping at
-//        most W unanswered, so the daemon always has the next one queued; prints
-//        "UP n=.. failed=.. secs=.. rate=.." when every outcome is back.
+//   up   --count N --size S [--sizes S1,S2,..] [--window W] [--from 105]
+//        sends N application messages of S bytes (outcome requested; with
+//        --sizes, message i has size S(i mod k)) keeping at most W unanswered,
+//        so the daemon always has the next one queued; prints "UP n=.. failed=..
+//        dup=.. unknown=.. secs=.. rate=.." when every message has its outcome.
+//        dup counts second outcomes of one message, unknown outcomes of none.
 //   fill --count N --size S [--from 105]
 //        sends N messages without waiting for outcomes; prints "FILL sent=N".
-//   down --count N [--ep 101] [--timeout SEC] [--size S]
+//   down --count N [--ep 101] [--timeout SEC] [--size S] [--alpha] [--linger SEC]
 //        binds endpoint ep and counts messages from the controller; prints
-//        "DOWN n=.. bad=.. secs=.." (time from the first to the last).
+//        "DOWN n=.. bad=.. extra=.. secs=.." (time from the first to the last).
+//        Byte i of the data must be i*7+1, or 'a'+i%26 with --alpha (the
+//        controller simulator's --size data). --linger keeps listening that long
+//        after the N-th message: anything more is extra, a delivery too many.
 #include <poll.h>
 #include <unistd.h>
 
@@ -83,14 +88,18 @@ struct sender {
         std::snprintf(a.src_name, sizeof a.src_name, "bench-local");
         a.flags = TOVRIN_MSG_F_ACK_REQ;
         a.dst_ep = 200;
-        a.len = uint32_t(size);
         std::memcpy(msg.payload, &a, TOVRIN_APP_HDR_LEN);
-        for (std::size_t i = 0; i < size; ++i) msg.payload[TOVRIN_APP_HDR_LEN + i] = uint8_t(i * 7 + 1);
-        msg.len = uint32_t(TOVRIN_APP_HDR_LEN + size);
+        for (std::size_t i = 0; i < TOVRIN_APP_MAX_DATA; ++i) msg.payload[TOVRIN_APP_HDR_LEN + i] = uint8_t(i * 7 + 1);
+        resize(size);
         desc.handle = h;
         desc.kind = VK_IPC_KIND_NOTIFY;
         desc.msg = &msg;
         std::strncpy(desc.peer, "/vk/ipc/tovrin", sizeof desc.peer - 1);
+    }
+    void resize(std::size_t size) {
+        const auto len = uint32_t(size);
+        std::memcpy(msg.payload + offsetof(tovrin_app_msg_t, len), &len, 4);
+        msg.len = uint32_t(TOVRIN_APP_HDR_LEN + size);
     }
     // Non-blocking send; a full daemon queue is waited out briefly.
     bool send(uint32_t id) {
@@ -112,17 +121,40 @@ bool is_outcome(const vk_ipc_msg_t &m, tovrin_app_msg_t &a) {
     return (a.flags & TOVRIN_MSG_F_STATUS) == 0 && (a.flags & TOVRIN_MSG_F_FROM_CTRL) == 0;
 }
 
+// "16,1024,4096": the sizes, each within what one IPC message carries.
+bool parse_sizes(const std::string &text, std::vector<std::size_t> &out) {
+    out.clear();
+    const char *p = text.c_str();
+    while (*p != '\0') {
+        char *end = nullptr;
+        const long v = std::strtol(p, &end, 10);
+        if (end == p || v < 0 || std::size_t(v) > TOVRIN_APP_MAX_DATA) return false;
+        out.push_back(std::size_t(v));
+        p = *end == ',' ? end + 1 : end;
+        if (*end != ',' && *end != '\0') return false;
+    }
+    return !out.empty();
+}
+
 int run_up(const bench_args &a) {
     long n = a.num("--count", 1000), size = a.num("--size", 16), window = a.num("--window", 8);
     long from = a.num("--from", 105);
+    std::vector<std::size_t> sizes{std::size_t(size)};
+    if (a.flag("--sizes") && !parse_sizes(a.str("--sizes", ""), sizes)) {
+        std::fprintf(stderr, "bench-local: bad --sizes\n");
+        return 64;
+    }
     vk_ipc_handle_t h;
     if (!open_ep(h, from)) return 1;
-    sender s(&h, from, std::size_t(size));
+    sender s(&h, from, sizes[0]);
     static vk_ipc_msg_t in;
-    long sent = 0, done = 0, failed = 0;
+    // Every message must get exactly one outcome: ids are the send order.
+    std::vector<uint8_t> answered(std::size_t(n), 0);
+    long sent = 0, done = 0, failed = 0, dup = 0, unknown = 0;
     uint64_t t0 = bench_now_ns();
     while (done < n) {
         while (sent < n && sent - done < window) {
+            s.resize(sizes[std::size_t(sent) % sizes.size()]);
             if (!s.send(uint32_t(sent))) return 1;
             ++sent;
         }
@@ -134,13 +166,22 @@ int run_up(const bench_args &a) {
         }
         tovrin_app_msg_t ans;
         if (!is_outcome(in, ans)) continue;
+        if (ans.id >= uint32_t(sent)) {
+            ++unknown;
+            continue;
+        }
+        if (answered[ans.id]++ != 0) {
+            ++dup;
+            continue;
+        }
         ++done;
         if (ans.flags & TOVRIN_MSG_F_FAILED) ++failed;
     }
     double secs = double(bench_now_ns() - t0) / NS;
-    std::printf("UP n=%ld failed=%ld size=%ld secs=%.6f rate=%.1f\n", done, failed, size, secs, double(done) / secs);
+    std::printf("UP n=%ld failed=%ld dup=%ld unknown=%ld size=%ld secs=%.6f rate=%.1f\n", done, failed, dup,
+                unknown, long(sizes[0]), secs, double(done) / secs);
     vk_ipc_close(&h);
-    return failed == 0 ? 0 : 2;
+    return failed == 0 && dup == 0 && unknown == 0 ? 0 : 2;
 }
 
 int run_fill(const bench_args &a) {
@@ -160,34 +201,44 @@ int run_fill(const bench_args &a) {
 
 int run_down(const bench_args &a) {
     long n = a.num("--count", 1000), ep = a.num("--ep", 101), timeout = a.num("--timeout", 30);
-    long size = a.num("--size", -1);
+    long size = a.num("--size", -1), linger = a.num("--linger", 0);
+    const bool alpha = a.flag("--alpha");
     vk_ipc_handle_t h;
     if (!open_ep(h, ep)) return 1;
     std::printf("LISTENING ep=%ld\n", ep);
     std::fflush(stdout);
     static vk_ipc_msg_t in;
-    long got = 0, bad = 0;
+    long got = 0, bad = 0, extra = 0;
     uint64_t first = 0, last = 0;
-    while (got < n) {
-        int r = recv_one(h, in, int(timeout * 1000));
+    for (;;) {
+        const bool lingering = got >= n;
+        if (lingering && linger <= 0) break;
+        int r = recv_one(h, in, int((lingering ? linger : timeout) * 1000));
         if (r < 0) return 1;
         if (r == 0) break;
         tovrin_app_msg_t m;
         if (in.type != TOVRIN_IPC_APP_MSG || in.len < TOVRIN_APP_HDR_LEN) continue;
         std::memcpy(&m, in.payload, TOVRIN_APP_HDR_LEN);
         if (!(m.flags & TOVRIN_MSG_F_FROM_CTRL)) continue;
+        if (lingering) {
+            ++extra;
+            continue;
+        }
         last = bench_now_ns();
         if (got == 0) first = last;
         ++got;
-        // The controller's data is i*7+1 for byte i; a message of another length or content is bad.
+        // A message of another length or content is bad.
         bool ok = m.len == in.len - TOVRIN_APP_HDR_LEN && (size < 0 || long(m.len) == size);
-        for (uint32_t i = 0; ok && i < m.len; i += 97) ok = in.payload[TOVRIN_APP_HDR_LEN + i] == uint8_t(i * 7 + 1);
+        for (uint32_t i = 0; ok && i < m.len; i += 97) {
+            const uint8_t want = alpha ? uint8_t('a' + i % 26) : uint8_t(i * 7 + 1);
+            ok = in.payload[TOVRIN_APP_HDR_LEN + i] == want;
+        }
         if (!ok) ++bad;
     }
     double secs = got > 1 ? double(last - first) / NS : 0;
-    std::printf("DOWN n=%ld bad=%ld secs=%.6f\n", got, bad, secs);
+    std::printf("DOWN n=%ld bad=%ld extra=%ld secs=%.6f\n", got, bad, extra, secs);
     vk_ipc_close(&h);
-    return got == n && bad == 0 ? 0 : 2;
+    return got == n && bad == 0 && extra == 0 ? 0 : 2;
 }
 
 }  // namespace
