@@ -7,9 +7,11 @@
 // Input: byte 0, bit 7: log at level 4; bits 0-1: the key (0, 3: 16 bytes from
 // the input; 1: a length byte and that many bytes, refused above 20; 2: none).
 // Then payloads, each led by a byte b:
-//   b bit 0 clear: a valid '&' payload: data (16-bit length, bytes), 16 IV bytes,
-//     under the link's key, or under another 16-byte key from the input when
-//     bit 1 is set; then b >> 4 changes, each a 16-bit offset and an XOR byte
+//   b bit 0 clear: a valid '&' payload: data (16-bit length, bytes; with bit 2
+//     set, a 16-bit length and one byte that seeds the content, so short inputs
+//     reach the largest messages), 16 IV bytes, under the link's key, or under
+//     another 16-byte key from the input when bit 1 is set; then b >> 4
+//     changes, each a 16-bit offset and an XOR byte
 //   b bit 0 set: raw payload bytes (16-bit length, bytes)
 // Each payload travels as a new controller message to endpoint 101 (valid
 // payloads) in fragments of 1024 bytes.
@@ -144,7 +146,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
         const uint8_t b = in.u8();
         std::vector<uint8_t> p;
         if (!(b & 1)) {
-            const std::vector<uint8_t> msg = in.chunk(TOVRIN_MAX_ENC_DATA);
+            std::vector<uint8_t> msg;
+            if (b & 4) {
+                msg.resize(std::min<std::size_t>(in.u16(), TOVRIN_MAX_ENC_DATA));
+                const uint8_t seed = in.u8();
+                for (std::size_t i = 0; i < msg.size(); ++i) msg[i] = static_cast<uint8_t>(seed + i * 13);
+            } else {
+                msg = in.chunk(TOVRIN_MAX_ENC_DATA);
+            }
             std::vector<uint8_t> iv = in.bytes(16);
             iv.resize(16);
             std::vector<uint8_t> k = (b & 2) ? in.bytes(16) : key;
