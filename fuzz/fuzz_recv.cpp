@@ -2,11 +2,13 @@
 //
 // Input: byte 0 chooses the state (low two bits: registering, up, a message
 // half reassembled, encryption on with a key; bit 2: a message of ours waits
-// for its acknowledgement; bit 7: log at level 4). With encryption on, the
-// next 16 bytes are the key. Then a sequence of steps, each led by one byte:
+// for its acknowledgement; bit 3: endpoint 101's queue is full; bit 7: log at
+// level 4). With encryption on, the next 16 bytes are the key. Then a sequence
+// of steps, each led by one byte:
 //   0x00-0xdf  a datagram (16-bit length, bytes) from the controller
 //   0xe0-0xef  the same from another address
-//   0xf0-0xf7  virtual time passes (next byte × 10 ms), so timers fire
+//   0xf0-0xf7  virtual time passes (next byte × 10 ms), so timers fire; with
+//              bit 2 set, endpoint 101's queue turns full or takes again first
 //   0xf8-0xff  a local application queues a message for the controller
 #include <cstddef>
 #include <cstdint>
@@ -42,6 +44,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     const uint8_t mode = in.u8();
     fz::begin((mode & 0x80) != 0);
     enter(static_cast<State>(mode & 3), in);
+    bool full = (mode & 8) != 0;
+    sim::ipc_set_full(fz::endpoint_path(101), full);
     if (mode & 4) fz::app_send(101, 200, TOVRIN_MSG_F_ACK_REQ, 1, {1, 2, 3});
     fz::check_state();
 
@@ -54,6 +58,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
             sim::udp_inject(src, in.chunk(TOVRIN_MAX_DGRAM + 64));
             sim::settle();
         } else if (op < 0xf8) {
+            if (op & 4) {
+                full = !full;
+                sim::ipc_set_full(fz::endpoint_path(101), full);
+            }
             sim::run_for_ms(10u * in.u8());
         } else {
             fz::app_send(101 + (op & 1), 200, TOVRIN_MSG_F_ACK_REQ | ((op & 2) ? TOVRIN_MSG_F_SYNC : 0), id++,

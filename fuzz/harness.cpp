@@ -12,6 +12,7 @@
 #include "link/send_queue.h"
 #include "platform/eloop.h"
 #include "platform/log.h"
+#include "relay/backlog.h"
 #include "relay/endpoints.h"
 #include "relay/relay.h"
 
@@ -67,6 +68,7 @@ void begin(bool verbose) {
     log_file_name = verbose ? null_stream() : nullptr;
     if (log_file_name != nullptr) std::rewind(log_file_name);
     cur_log_size = 0;
+    tovrin_backlog_clear();
     vk_eloop_init(nullptr);
     tovrin_init_struct();
     tovrin_vk_ipc_init();
@@ -97,6 +99,7 @@ void check_state() {
     FZ_CHECK((sim::pending_timeouts(tovrin_msg_retry) != 0) == (c.ack_wait == 1));
     // Messages are queued only while the link is up; going down empties the queue.
     if (tovrin_gbl.status == 0) FZ_CHECK(c.head == nullptr);
+    FZ_CHECK(tovrin_backlog_count() <= TOVRIN_BACKLOG_MAX_MSGS);
 }
 
 void end() {

@@ -4,6 +4,7 @@
 
 #include "core/log_rule.h"
 #include "core/startup.h"
+#include "relay/backlog.h"
 
 const tovrin_app_ep_t app_ep[8] = {
     {101, "/vk/ipc/gelvar"}, {102, "/vk/ipc/hostun"}, {105, "/vk/ipc/prindal"}, {106, "/vk/ipc/quelon"},
@@ -40,12 +41,12 @@ void tovrin_send_app(int32_t e, const tovrin_app_msg_t *h, const uint8_t *data) 
     if (h->flags & TOVRIN_MSG_F_SYNC) {
         msg.flags = VK_IPC_F_RESPONSE;
         desc.kind = VK_IPC_KIND_RESP;
-        vk_ipc_resp_large(&desc);
+        tovrin_ipc_deliver(&desc);
         TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Sent Sync Resp 0x%08x from endpoint %d\n", fn, h->flags, e);
     } else {
         msg.flags = VK_IPC_F_NOTIFY;
         desc.kind = VK_IPC_KIND_NOTIFY;
-        vk_ipc_send_large(&desc);
+        tovrin_ipc_deliver(&desc);
         TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Sent Note Resp flag 0x%08x from endpoint %d\n", fn, h->flags, e);
     }
 }

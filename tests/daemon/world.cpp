@@ -17,6 +17,7 @@
 #include "link/send_queue.h"
 #include "platform/eloop.h"
 #include "platform/log.h"
+#include "relay/backlog.h"
 #include "relay/relay.h"
 
 std::string strf(const char *fmt, ...) {
@@ -74,6 +75,7 @@ void World::SetUp() {
     tovrin_send_queue_configure(nullptr);
     VK_LOG_INIT("TOVRIN", 4, 0);
     vk_log_conf_data[VK_LOG_W_ECHO] = 0;
+    tovrin_backlog_clear();
     vk_eloop_init(nullptr);
     tovrin_init_struct();
     tovrin_vk_ipc_init();

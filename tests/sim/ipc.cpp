@@ -39,10 +39,12 @@ int send(vk_ipc_send_desc_t *d) {
     const Socket *own = find_socket(d->handle->sock);
     if (!own || !own->ipc) return fail(EBADF);
     const bool missing = world().ipc_missing.count(*peer) > 0;
+    const bool full = world().ipc_full.count(*peer) > 0;
     world().ipc_sent.push_back(IpcSent{world().now_us, d->kind, *peer, m.type, m.len, m.flags,
                                        std::vector<uint8_t>(m.payload, m.payload + m.len),
-                                       !missing});
+                                       !missing && !full, !missing && full});
     if (missing) return fail(ENOENT);
+    if (full) return fail(EAGAIN);
     const auto *raw = reinterpret_cast<const uint8_t *>(&m);
     queue_for(*peer, std::vector<uint8_t>(raw, raw + VK_IPC_HDR_LEN + m.len), own->path);
     return 0;
@@ -71,6 +73,13 @@ void ipc_set_missing(const std::string &path, bool missing) {
         world().ipc_missing.insert(path);
     else
         world().ipc_missing.erase(path);
+}
+
+void ipc_set_full(const std::string &path, bool full) {
+    if (full)
+        world().ipc_full.insert(path);
+    else
+        world().ipc_full.erase(path);
 }
 
 void ipc_fail_open(int err) { world().ipc_fail_open = err; }

@@ -64,7 +64,8 @@ struct IpcSent {
     std::string peer;        // destination endpoint path
     uint32_t type, len, flags;
     std::vector<uint8_t> payload;  // len bytes
-    bool delivered;          // false when the peer was missing
+    bool delivered;          // false when the peer was missing or full
+    bool full;               // refused because the peer was full (EAGAIN)
 };
 // Every IPC message sent by any handle (daemon, sysmon calls), oldest first.
 const std::vector<IpcSent> &ipc_sent();
@@ -78,6 +79,9 @@ void ipc_inject_raw(std::vector<uint8_t> bytes, const std::string &sender = "/vk
                     const std::string &to = "/vk/ipc/tovrin");
 // Sends to path fail with ENOENT while missing (recorded with delivered=false).
 void ipc_set_missing(const std::string &path, bool missing);
+// Sends to path fail with EAGAIN while full, as when the endpoint's queue is
+// (recorded with delivered=false).
+void ipc_set_full(const std::string &path, bool full);
 // Makes the next vk_ipc_open fail with err (0 disarms).
 void ipc_fail_open(int err);
 // Whether an endpoint is open at path.

@@ -64,6 +64,7 @@ struct World {
 
     std::vector<IpcSent> ipc_sent;
     std::set<std::string> ipc_missing;
+    std::set<std::string> ipc_full;
     int ipc_fail_open = 0;
 
     std::vector<SyslogLine> syslog;

@@ -20,6 +20,7 @@
 #include "platform/eloop.h"
 #include "platform/log.h"
 #include "relay/app_msg.h"
+#include "relay/backlog.h"
 #include "relay/endpoints.h"
 #include "relay/relay.h"
 #include "session/keepalive.h"
@@ -155,6 +156,7 @@ void Run::start_daemon() {
     vk_log_conf_data[VK_LOG_W_LEVEL] = 0;
     vk_log_conf_data[VK_LOG_W_ECHO] = 0;
     log_file_name = nullptr;
+    tovrin_backlog_clear();
     vk_eloop_init(nullptr);
     tovrin_init_struct();
     tovrin_vk_ipc_init();
@@ -222,6 +224,14 @@ void Run::schedule() {
         at(s, [path] { sim::ipc_set_missing(path, true); });
         at(std::min(faults_end_, s + rnd(1, 30) * kSec), [path] { sim::ipc_set_missing(path, false); });
     }
+    // Local endpoints that read nothing for a while (their queue full), for
+    // less than the two seconds after which a waiting message is given up.
+    for (int i = static_cast<int>(rnd(0, 4)); i > 0; --i) {
+        const std::string path = path_of(kEndpoints[rnd(0, 6)]);
+        const uint64_t s = rnd(0, faults_end_ / kMs - 1) * kMs;
+        at(s, [path] { sim::ipc_set_full(path, true); });
+        at(std::min(faults_end_, s + rnd(1, 1900) * kMs), [path] { sim::ipc_set_full(path, false); });
+    }
     // Encryption of new outgoing messages switched on and off.
     for (uint64_t t = rnd(0, 20) * kSec; t < sends_end_; t += rnd(5, 40) * kSec) {
         const int32_t state = coin(0.5) ? 1 : 0;
@@ -286,7 +296,8 @@ void Run::collect() {
     const auto &ipc = sim::ipc_sent();
     for (; ipc_seen_ < ipc.size(); ++ipc_seen_) {
         const sim::IpcSent &s = ipc[ipc_seen_];
-        if (s.type != TOVRIN_IPC_APP_MSG) continue;
+        // A send a full endpoint refused is tried again: only the one it takes counts.
+        if (s.type != TOVRIN_IPC_APP_MSG || s.full) continue;
         EXPECT(s.payload.size() >= TOVRIN_APP_HDR_LEN, "IPC message of %zu bytes", s.payload.size());
         tovrin_app_msg_t h;
         std::memcpy(&h, s.payload.data(), TOVRIN_APP_HDR_LEN);
@@ -428,6 +439,7 @@ void Run::check_end() {
     EXPECT(tovrin_gbl.status == 1, "link down at the end");
     EXPECT(tovrin_gbl.comm.msg_cnt == 0 && tovrin_gbl.comm.head == nullptr, "%d messages still queued",
            tovrin_gbl.comm.msg_cnt);
+    EXPECT(tovrin_backlog_count() == 0, "%zu local deliveries still waiting", tovrin_backlog_count());
     // Whatever the controller took whole, a local application sent, unchanged.
     std::set<uint32_t> at_ctrl;
     for (const ApMsg &r : ctrl_->received) {

@@ -1,0 +1,133 @@
+// A local endpoint that cannot take a message yet (its queue full): what the
+// controller sent, and what local senders are owed, waits and arrives in
+// order once it reads again; other endpoints are not held up; a stuck endpoint
+// costs bounded memory and every message given up is logged.
+#include <cstring>
+
+#include "relay/app_msg.h"
+#include "relay/backlog.h"
+#include "world.h"
+
+namespace {
+
+class BusyEndpoint : public World {
+protected:
+    static constexpr const char *kPrindal = "/vk/ipc/prindal";  // endpoint 105
+    static constexpr const char *kGelvar = "/vk/ipc/gelvar";    // endpoint 101
+
+    // Controller message n for endpoint dst: data bytes {n, n+1, ...} of length len.
+    void deliver(int32_t dst, uint8_t n, std::size_t len = 8) {
+        std::vector<uint8_t> data(len);
+        for (std::size_t i = 0; i < len; ++i) data[i] = static_cast<uint8_t>(n + i);
+        for (const auto &f : fragments(plain_payload(200, dst, data), trans_)) from_ctrl(f);
+        trans_ = trans_ == 255 ? 1 : trans_ + 1;  // a new message every time
+    }
+    // First data byte of every message that reached peer, in arrival order.
+    std::vector<uint8_t> arrived(const std::string &peer) const {
+        std::vector<uint8_t> out;
+        for (const auto &m : sim::ipc_sent())
+            if (m.delivered && m.peer == peer && m.type == TOVRIN_IPC_APP_MSG) {
+                const AppSeen a = decode_app(m);
+                if (!(a.hdr.flags & TOVRIN_MSG_F_STATUS) && !a.data.empty()) out.push_back(a.data[0]);
+            }
+        return out;
+    }
+    uint8_t trans_ = 1;
+};
+
+TEST_F(BusyEndpoint, MessagesWaitInOrderAndArriveOnceTheEndpointReads) {
+    bring_up();
+    clear_captures();
+    sim::ipc_set_full(kPrindal, true);
+    for (uint8_t n = 1; n <= 3; ++n) deliver(105, n * 10);
+    EXPECT_EQ(sent().size(), 3u);  // all acknowledged to the controller at once
+    EXPECT_TRUE(arrived(kPrindal).empty());
+    EXPECT_EQ(tovrin_backlog_count(), 3u);
+    // Another endpoint is not held up by the busy one.
+    deliver(101, 99);
+    EXPECT_EQ(arrived(kGelvar), std::vector<uint8_t>{99});
+
+    // Still full: retried, nothing lost, nothing out of order.
+    run_answering(100 * kMs);
+    EXPECT_TRUE(arrived(kPrindal).empty());
+    EXPECT_EQ(tovrin_backlog_count(), 3u);
+
+    // A message arriving while others wait goes behind them even if the
+    // endpoint could take it now.
+    sim::ipc_set_full(kPrindal, false);
+    deliver(105, 40);
+    EXPECT_TRUE(arrived(kPrindal).empty());
+    run_answering(TOVRIN_BACKLOG_RETRY_US);
+    EXPECT_EQ(arrived(kPrindal), (std::vector<uint8_t>{10, 20, 30, 40}));
+    EXPECT_EQ(tovrin_backlog_count(), 0u);
+
+    // Nothing waits: the retry timer is gone and later messages go at once.
+    clear_captures();
+    run_answering(kSec);
+    deliver(105, 50);
+    EXPECT_EQ(arrived(kPrindal), std::vector<uint8_t>{50});
+}
+
+TEST_F(BusyEndpoint, AStuckEndpointIsGivenUpAfterTwoSecondsWithANote) {
+    bring_up();
+    clear_captures();
+    sim::ipc_set_full(kPrindal, true);
+    const std::size_t mark = log_mark();
+    deliver(105, 7);
+    run_answering(TOVRIN_BACKLOG_RETRY_US * (TOVRIN_BACKLOG_MAX_TRIES - 1));
+    EXPECT_EQ(tovrin_backlog_count(), 1u);
+    run_answering(TOVRIN_BACKLOG_RETRY_US);
+    EXPECT_EQ(tovrin_backlog_count(), 0u);
+    EXPECT_NE(log_since(mark).find(strf("NOTE: tovrin_backlog: IPC msg type %u of %u bytes for /vk/ipc/prindal "
+                                        "dropped, endpoint busy for 2 s\n",
+                                        TOVRIN_IPC_APP_MSG, static_cast<unsigned>(TOVRIN_APP_HDR_LEN + 8))),
+              std::string::npos);
+    sim::ipc_set_full(kPrindal, false);
+    run_answering(kSec);
+    EXPECT_TRUE(arrived(kPrindal).empty());
+}
+
+TEST_F(BusyEndpoint, WaitingIsBoundedInMessagesAndBytes) {
+    bring_up();
+    clear_captures();
+    sim::ipc_set_full(kPrindal, true);
+    std::size_t mark = log_mark();
+    for (std::size_t i = 0; i < TOVRIN_BACKLOG_MAX_MSGS + 2; ++i) deliver(105, static_cast<uint8_t>(i));
+    EXPECT_EQ(tovrin_backlog_count(), TOVRIN_BACKLOG_MAX_MSGS);
+    EXPECT_EQ(log_count("dropped, too many waiting"), 2);
+
+    // Bytes: large messages reach the byte bound before the count bound.
+    tovrin_backlog_clear();
+    clear_captures();
+    mark = log_mark();
+    const std::size_t big = 16000, each = VK_IPC_HDR_LEN + TOVRIN_APP_HDR_LEN + big;
+    const std::size_t fit = TOVRIN_BACKLOG_MAX_BYTES / each;
+    for (std::size_t i = 0; i < fit + 1; ++i) deliver(105, static_cast<uint8_t>(i), big);
+    EXPECT_EQ(tovrin_backlog_count(), fit);
+    EXPECT_NE(log_since(mark).find("dropped, too many waiting"), std::string::npos);
+
+    // The kept ones all arrive once the endpoint reads.
+    sim::ipc_set_full(kPrindal, false);
+    run_answering(TOVRIN_BACKLOG_RETRY_US);
+    EXPECT_EQ(arrived(kPrindal).size(), fit);
+}
+
+TEST_F(BusyEndpoint, AnEndpointThatGoesAwayWhileItsMessagesWaitLosesThemWithANote) {
+    bring_up();
+    clear_captures();
+    sim::ipc_set_full(kPrindal, true);
+    deliver(105, 1);
+    deliver(105, 2);
+    sim::ipc_set_full(kPrindal, false);
+    sim::ipc_set_missing(kPrindal, true);
+    const std::size_t mark = log_mark();
+    run_answering(TOVRIN_BACKLOG_RETRY_US);
+    EXPECT_EQ(tovrin_backlog_count(), 0u);
+    const std::string log = log_since(mark);
+    EXPECT_NE(log.find("for /vk/ipc/prindal dropped, No such file or directory\n"), std::string::npos);
+    // An endpoint that is simply not running is not waited for.
+    deliver(105, 3);
+    EXPECT_EQ(tovrin_backlog_count(), 0u);
+}
+
+}  // namespace
