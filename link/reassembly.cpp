@@ -5,6 +5,8 @@
 #include "core/log_rule.h"
 #include "link/protect.h"
 #include "platform/os.h"
+#include "relay/app_msg.h"
+#include "relay/backlog.h"
 #include "relay/relay.h"
 
 int tovrin_recv_frag(tovrin_link_t *link, const tovrin_hdr_t *hdr, const uint8_t *payload, int len) {
@@ -90,6 +92,18 @@ void tovrin_recv_data(tovrin_link_t *link) {
     const int rx_len = c.rx_len;
     TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s Received Data from AP(%p) %u.%u.%u.%u - len %d\n", fn,
                static_cast<void *>(link), TOVRIN_IP_ARGS(link->drav_ip), rx_len);
+    // Local endpoints so far behind that this message might not even wait
+    // for them: it is not acknowledged, and forgotten so that the controller's
+    // retransmission is taken as new rather than as a repeat of a message
+    // delivered. Acknowledging it would lose it.
+    if ((c.rx_hdr.flags & TOVRIN_F_ACK_REQ) &&
+        !tovrin_backlog_has_room(TOVRIN_APP_HDR_LEN + static_cast<std::size_t>(rx_len))) {
+        TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Local endpoints busy, msg %d from %u.%u.%u.%u left to its retransmission\n",
+                   fn, c.rx_hdr.ctlr_trans, TOVRIN_IP_ARGS(link->drav_ip));
+        c.rx_len = 0;
+        c.rx_hdr.ctlr_trans = static_cast<uint8_t>(~c.rx_hdr.ctlr_trans);
+        return;
+    }
     if (c.rx_hdr.flags & TOVRIN_F_ACK_REQ) tovrin_send_ack(link, 0);
 
     // Fewer than 4 bytes hold no length field: bytes of an earlier message would be read.

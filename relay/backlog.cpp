@@ -113,7 +113,7 @@ int tovrin_ipc_deliver(const vk_ipc_send_desc_t *d) {
         return -1;
     }
     const std::size_t n = VK_IPC_HDR_LEN + d->msg->len;
-    if (b.q.size() >= TOVRIN_BACKLOG_MAX_MSGS || b.bytes + n > TOVRIN_BACKLOG_MAX_BYTES) {
+    if (!tovrin_backlog_has_room(d->msg->len)) {
         drop_note(d->msg, d->peer, "too many waiting");
         errno = ENOBUFS;
         return -1;
@@ -130,6 +130,11 @@ int tovrin_ipc_deliver(const vk_ipc_send_desc_t *d) {
                b.q.size());
     arm();
     return 0;
+}
+
+bool tovrin_backlog_has_room(std::size_t len) {
+    const backlog_t &b = backlog();
+    return b.q.size() < TOVRIN_BACKLOG_MAX_MSGS && b.bytes + VK_IPC_HDR_LEN + len <= TOVRIN_BACKLOG_MAX_BYTES;
 }
 
 std::size_t tovrin_backlog_count() { return backlog().q.size(); }

@@ -25,6 +25,10 @@ inline constexpr unsigned TOVRIN_BACKLOG_MAX_TRIES = 200;
 // them. Returns 0 when sent or kept for later, else -1 with errno as the
 // platform gave it (an endpoint that is not there is not waited for).
 int tovrin_ipc_deliver(const vk_ipc_send_desc_t *d);
+// Whether a message of len payload bytes could still wait if it had to. A
+// controller message that could not is left unacknowledged, so the
+// controller sends it again later: the only pace the link can put on it.
+bool tovrin_backlog_has_room(std::size_t len);
 // Messages waiting now.
 std::size_t tovrin_backlog_count();
 // Drops every waiting message and the retry timer, silently (restart, tests).

@@ -87,29 +87,69 @@ TEST_F(BusyEndpoint, AStuckEndpointIsGivenUpAfterTwoSecondsWithANote) {
     EXPECT_TRUE(arrived(kPrindal).empty());
 }
 
-TEST_F(BusyEndpoint, WaitingIsBoundedInMessagesAndBytes) {
+TEST_F(BusyEndpoint, WhenWaitingIsFullControllerMessagesAreLeftToTheirRetransmission) {
     bring_up();
     clear_captures();
     sim::ipc_set_full(kPrindal, true);
-    std::size_t mark = log_mark();
-    for (std::size_t i = 0; i < TOVRIN_BACKLOG_MAX_MSGS + 2; ++i) deliver(105, static_cast<uint8_t>(i));
+    // Bound in messages: small ones all wait, each acknowledged.
+    for (std::size_t i = 0; i < TOVRIN_BACKLOG_MAX_MSGS; ++i) deliver(105, static_cast<uint8_t>(i));
     EXPECT_EQ(tovrin_backlog_count(), TOVRIN_BACKLOG_MAX_MSGS);
-    EXPECT_EQ(log_count("dropped, too many waiting"), 2);
+    EXPECT_EQ(sent().size(), TOVRIN_BACKLOG_MAX_MSGS);
 
-    // Bytes: large messages reach the byte bound before the count bound.
-    tovrin_backlog_clear();
+    // One more could not wait: not acknowledged, not delivered, nothing dropped.
     clear_captures();
-    mark = log_mark();
+    std::size_t mark = log_mark();
+    const auto payload = plain_payload(200, 105, {0xee, 1, 2});
+    const uint8_t trans = 0x77;
+    for (const auto &f : fragments(payload, trans)) from_ctrl(f);
+    EXPECT_TRUE(sent().empty());
+    EXPECT_NE(log_since(mark).find("NOTE: <<tovrin_recv_data: Local endpoints busy, msg 119 from 198.18.0.1 left to "
+                                   "its retransmission\n"),
+              std::string::npos);
+    EXPECT_EQ(log_since(mark).find("dropped"), std::string::npos);
+    EXPECT_EQ(tovrin_backlog_count(), TOVRIN_BACKLOG_MAX_MSGS);
+
+    // The endpoint reads; the controller's retransmission is taken as new,
+    // acknowledged and delivered once, after everything that waited.
+    sim::ipc_set_full(kPrindal, false);
+    run_answering(TOVRIN_BACKLOG_RETRY_US);
+    EXPECT_EQ(arrived(kPrindal).size(), TOVRIN_BACKLOG_MAX_MSGS);
+    for (const auto &f : fragments(payload, trans, TOVRIN_F_RETX)) from_ctrl(f);
+    ASSERT_EQ(sent().size(), 1u);
+    EXPECT_EQ(sent()[0].bytes[8] & TOVRIN_F_ACK, TOVRIN_F_ACK);
+    EXPECT_EQ(sent()[0].bytes[10], trans);
+    std::vector<uint8_t> got = arrived(kPrindal);
+    ASSERT_EQ(got.size(), TOVRIN_BACKLOG_MAX_MSGS + 1);
+    EXPECT_EQ(got.back(), 0xee);
+    // A repeat of it now is a repeat: acknowledged again, not delivered twice.
+    for (const auto &f : fragments(payload, trans, TOVRIN_F_RETX)) from_ctrl(f);
+    EXPECT_EQ(sent().size(), 2u);
+    EXPECT_EQ(arrived(kPrindal).size(), TOVRIN_BACKLOG_MAX_MSGS + 1);
+
+    // Bound in bytes: large messages reach it before the count.
+    clear_captures();
+    sim::ipc_set_full(kPrindal, true);
     const std::size_t big = 16000, each = VK_IPC_HDR_LEN + TOVRIN_APP_HDR_LEN + big;
     const std::size_t fit = TOVRIN_BACKLOG_MAX_BYTES / each;
     for (std::size_t i = 0; i < fit + 1; ++i) deliver(105, static_cast<uint8_t>(i), big);
     EXPECT_EQ(tovrin_backlog_count(), fit);
-    EXPECT_NE(log_since(mark).find("dropped, too many waiting"), std::string::npos);
+    EXPECT_EQ(data_sent().size() + sent().size(), fit);  // acknowledgements: the last one got none
+}
 
-    // The kept ones all arrive once the endpoint reads.
-    sim::ipc_set_full(kPrindal, false);
-    run_answering(TOVRIN_BACKLOG_RETRY_US);
-    EXPECT_EQ(arrived(kPrindal).size(), fit);
+TEST_F(BusyEndpoint, AnswersToLocalSendersBeyondTheBoundAreDroppedWithANote) {
+    bring_up();
+    // Endpoint 105 sends many messages asking for their outcome and reads nothing.
+    sim::ipc_set_full(kPrindal, true);
+    for (std::size_t i = 0; i < TOVRIN_BACKLOG_MAX_MSGS + 3; ++i) {
+        app_send(105, 200, TOVRIN_MSG_F_ACK_REQ, {static_cast<uint8_t>(i)});
+        // The controller acknowledges each as it comes.
+        const auto d = data_sent();
+        ASSERT_FALSE(d.empty());
+        from_ctrl(ack_for(d.back().bytes[11]));
+        clear_captures();
+    }
+    EXPECT_EQ(tovrin_backlog_count(), TOVRIN_BACKLOG_MAX_MSGS);
+    EXPECT_EQ(log_count("for /vk/ipc/prindal dropped, too many waiting\n"), 3);
 }
 
 TEST_F(BusyEndpoint, AnEndpointThatGoesAwayWhileItsMessagesWaitLosesThemWithANote) {
