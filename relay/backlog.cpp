@@ -57,23 +57,32 @@ void drop_note(const vk_ipc_msg_t *m, const char *peer, const char *why) {
                m->type, m->len, peer, why);
 }
 
+bool listed(const std::vector<std::string> &peers, const char *peer) {
+    for (const std::string &p : peers)
+        if (p == peer) return true;
+    return false;
+}
+
 // Tries every waiting message once, oldest first; a message whose endpoint
 // stayed full this round keeps its place, and so do the later ones for it.
+// An endpoint that has taken nothing for two seconds is stuck: everything
+// waiting for it is given up at once, so that it does not hold the bound for
+// the others message after message.
 void retry(void *, void *) {
     backlog_t &b = backlog();
     b.armed = false;
     // Kept off the stack: 16 KB, and the loop never nests.
     static vk_ipc_msg_t msg;
-    std::vector<std::string> full;
+    std::vector<std::string> full, stuck;
     for (auto it = b.q.begin(); it != b.q.end();) {
         waiting_t &w = *it;
         bool keep = false;
-        bool blocked = false;
-        for (const std::string &f : full) blocked = blocked || f == w.peer;
-        if (blocked) {
+        std::memcpy(&msg, w.bytes.data(), w.bytes.size());
+        if (listed(stuck, w.peer)) {
+            drop_note(&msg, w.peer, "endpoint busy for 2 s");
+        } else if (listed(full, w.peer)) {
             keep = true;
         } else {
-            std::memcpy(&msg, w.bytes.data(), w.bytes.size());
             vk_ipc_send_desc_t d{};
             d.handle = &tovrin_ipc;
             d.kind = w.kind;
@@ -86,6 +95,7 @@ void retry(void *, void *) {
                 drop_note(&msg, w.peer, std::strerror(errno));
             } else if (++w.tries >= TOVRIN_BACKLOG_MAX_TRIES) {
                 drop_note(&msg, w.peer, "endpoint busy for 2 s");
+                stuck.emplace_back(w.peer);
             } else {
                 keep = true;
                 full.emplace_back(w.peer);

@@ -8,8 +8,8 @@
 // Bounds, so a stuck local daemon cannot take the access point's memory: at
 // most TOVRIN_BACKLOG_MAX_MSGS messages and TOVRIN_BACKLOG_MAX_BYTES bytes wait
 // in all, and a message an endpoint has not taken after
-// TOVRIN_BACKLOG_MAX_TRIES retries (two seconds) is dropped. Every drop is
-// logged at NOTE level.
+// TOVRIN_BACKLOG_MAX_TRIES retries (two seconds) is dropped, with everything
+// else waiting for that endpoint. Every drop is logged at NOTE level.
 #include <cstddef>
 #include <cstdint>
 
