@@ -19,6 +19,7 @@
 
 #include "tools/drav-sim/engine.h"
 #include "tools/drav-sim/format.h"
+#include "tovrin_version.h"
 
 namespace {
 
@@ -46,7 +47,9 @@ const char usage[] =
     "  -q, --quiet          one line per message, none per datagram\n"
     "  --count-only         no line per message either; notes and the summary only\n"
     "  --exit-after-msgs N  exit 0 after N messages from the AP\n"
-    "  --cmd LINE           run a command at start (repeatable; see 'help' on stdin)\n";
+    "  --cmd LINE           run a command at start (repeatable; see 'help' on stdin)\n"
+    "  -h, --help           print this text\n"
+    "  --version            print the version\n";
 
 double mono_now() {
     timespec ts{};
@@ -90,6 +93,9 @@ bool parse_options(int argc, char **argv, dsim_engine &e, dsim_options &opt) {
         char *end = nullptr;
         if (a == "-h" || a == "--help") {
             std::fputs(usage, stdout);
+            std::exit(0);
+        } else if (a == "--version") {
+            std::fputs("drav-sim " TOVRIN_VERSION "\n", stdout);
             std::exit(0);
         } else if (a == "--no-register") e.cfg.answer_reg = false;
         else if (a == "--no-keepalive") e.cfg.answer_ka = false;

@@ -6,10 +6,15 @@
 #include "tools/tovrinctl/args.h"
 #include "tools/tovrinctl/commands.h"
 #include "tools/tovrinctl/ipc_io.h"
+#include "tovrin_version.h"
 
 int main(int argc, char **argv)
 {
     const std::vector<std::string_view> args(argv + 1, argv + argc);
+    if (!args.empty() && args[0] == "--version") {
+        std::fputs("tovrinctl " TOVRIN_VERSION "\n", stdout);
+        return 0;
+    }
     const tovrinctl::parse_result_t r = tovrinctl::parse_args(args);
     if (r.kind == tovrinctl::parse_kind_t::help) {
         const std::string_view u = tovrinctl::usage_text();
