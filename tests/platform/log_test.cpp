@@ -1,9 +1,14 @@
 // The log library's record, its own form of the configuration, and the file.
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 #include <bit>
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <memory>
@@ -48,13 +53,14 @@ TEST_F(Log, InitSetsEveryWord) {
     EXPECT_EQ(record(), (Words{1, 0, 3, 1, 0, 1048576}));
 }
 
+// Without the variable the level is 3 whatever the caller offers: events, no traces.
 TEST_F(Log, LevelFromTheEnvironmentWhenItIsANumber) {
     struct Case {
         std::optional<std::string> env;
         int32_t level;
     };
     const Case cases[] = {
-        {std::nullopt, 7}, {"5", 5}, {"-2", -2}, {"0", 0}, {"", 7}, {"abc", 7}, {"5x", 7}, {"99999999999", 7},
+        {std::nullopt, 3}, {"5", 5}, {"-2", -2}, {"0", 0}, {"", 3}, {"abc", 3}, {"5x", 3}, {"99999999999", 3},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.env.value_or("(unset)"));
@@ -65,23 +71,104 @@ TEST_F(Log, LevelFromTheEnvironmentWhenItIsANumber) {
 }
 
 TEST_F(Log, FileIsTheModuleInLowerCaseWrittenFromItsStart) {
-    dir.write("tovrin.log", "an old run's lines\n");
     cur_log_size = 500;
     VK_LOG_INIT("ToVRin", 3, 0);
     ASSERT_NE(log_file_name, nullptr);
     EXPECT_EQ(cur_log_size, 0u);
-    EXPECT_EQ(slurp(dir / "tovrin.log"), "") << "opened for writing from its start";
     std::fputs("first line\n", log_file_name);
     std::fflush(log_file_name);
     EXPECT_EQ(slurp(dir / "tovrin.log"), "first line\n");
     struct stat st {};
     EXPECT_NE(stat((dir / "ToVRin.log").c_str(), &st), 0) << "no file under the name as given";
+    EXPECT_NE(stat((dir / "tovrin.log.1").c_str(), &st), 0) << "nothing earlier to keep";
+}
+
+// The log of the run before survives as .1, replacing an older one; an empty
+// one is not worth the older one's place.
+TEST_F(Log, EarlierRunsLogIsKeptAsDotOne) {
+    struct Case {
+        const char *log, *dot1;  // before (nullptr: no file)
+        const char *want_dot1;
+    };
+    const Case cases[] = {
+        {"run two\n", nullptr, "run two\n"},
+        {"run three\n", "run two\n", "run three\n"},
+        {"", "run two\n", "run two\n"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.log);
+        std::remove((dir / "tovrin.log.1").c_str());
+        dir.write("tovrin.log", c.log);
+        if (c.dot1) dir.write("tovrin.log.1", c.dot1);
+        VK_LOG_INIT("TOVRIN", 4, 0);
+        ASSERT_NE(log_file_name, nullptr);
+        EXPECT_EQ(cur_log_size, 0u);
+        EXPECT_EQ(slurp(dir / "tovrin.log"), "") << "a new log from its start";
+        EXPECT_EQ(slurp(dir / "tovrin.log.1"), c.want_dot1);
+        std::fclose(log_file_name);
+        log_file_name = nullptr;
+    }
+}
+
+// A log locked by a live process (here another open file of this one, which
+// flock treats alike) is left whole, and so is its predecessor.
+TEST_F(Log, LockedLogIsLeftWhole) {
+    dir.write("tovrin.log", "the first daemon's lines\n");
+    dir.write("tovrin.log.1", "its predecessor\n");
+    const int holder = open((dir / "tovrin.log").c_str(), O_RDONLY);
+    ASSERT_GE(holder, 0);
+    ASSERT_EQ(flock(holder, LOCK_EX | LOCK_NB), 0);
+    VK_LOG_INIT("TOVRIN", 4, 0);
+    EXPECT_EQ(log_file_name, nullptr) << "runs without a log file";
+    EXPECT_EQ(vk_log_conf_data[VK_LOG_W_LEVEL], 3) << "the record is set all the same";
+    EXPECT_EQ(slurp(dir / "tovrin.log"), "the first daemon's lines\n");
+    EXPECT_EQ(slurp(dir / "tovrin.log.1"), "its predecessor\n");
+
+    close(holder);  // the holder is gone: the next start takes the log
+    VK_LOG_INIT("TOVRIN", 4, 0);
+    EXPECT_NE(log_file_name, nullptr);
+    EXPECT_EQ(slurp(dir / "tovrin.log.1"), "the first daemon's lines\n");
+}
+
+// The library holds the lock for as long as its file is open: a second
+// library in another process would be refused.
+TEST_F(Log, OpenLogIsLockedAgainstOthers) {
+    VK_LOG_INIT("TOVRIN", 4, 0);
+    ASSERT_NE(log_file_name, nullptr);
+    const int other = open((dir / "tovrin.log").c_str(), O_RDONLY);
+    ASSERT_GE(other, 0);
+    EXPECT_NE(flock(other, LOCK_EX | LOCK_NB), 0);
+    EXPECT_EQ(errno, EWOULDBLOCK);
+    close(other);
+}
+
+// After an outside tool moved the file away, a reopen writes to a new file at
+// the same name; without a move it appends to the same file.
+TEST_F(Log, ReopenStartsAFileWhereTheOldOneWas) {
+    EXPECT_EQ(VK_LOG_REOPEN(), -1) << "nothing set up to reopen";
+    VK_LOG_INIT("TOVRIN", 4, 0);
+    ASSERT_NE(log_file_name, nullptr);
+    std::fputs("before\n", log_file_name);
+    std::fflush(log_file_name);
+    ASSERT_EQ(std::rename((dir / "tovrin.log").c_str(), (dir / "rotated").c_str()), 0);
+    ASSERT_EQ(VK_LOG_REOPEN(), 0);
+    std::fputs("after\n", log_file_name);
+    std::fflush(log_file_name);
+    EXPECT_EQ(slurp(dir / "rotated"), "before\n");
+    EXPECT_EQ(slurp(dir / "tovrin.log"), "after\n");
+
+    ASSERT_EQ(VK_LOG_REOPEN(), 0);
+    EXPECT_EQ(cur_log_size, 6u) << "counts what the file holds already";
+    std::fputs("again\n", log_file_name);
+    std::fflush(log_file_name);
+    EXPECT_EQ(slurp(dir / "tovrin.log"), "after\nagain\n");
 }
 
 TEST_F(Log, RunsWithoutAFileWhenItCannotOpenOne) {
     VK_LOG_INIT("tovrin", 3, 0);
     ASSERT_NE(log_file_name, nullptr);
     ScopedEnv missing("VK_LOG_DIR", dir / "no/such/dir");
+    ScopedEnv level("VK_LOG_LEVEL", "4");
     VK_LOG_INIT("tovrin", 4, 0);
     EXPECT_EQ(log_file_name, nullptr);
     EXPECT_EQ(vk_log_conf_data[VK_LOG_W_LEVEL], 4) << "the record is set all the same";
@@ -94,7 +181,7 @@ TEST_F(Log, ConfigurationInItsOwnForm) {
     msg->len = 999;
     VK_LOG_GET_CFG(msg.get());
     EXPECT_EQ(msg->len, 24u);
-    EXPECT_EQ(hex(msg->payload, msg->len), "01000000 00000000 04000000 01000000 00000000 00001000");
+    EXPECT_EQ(hex(msg->payload, msg->len), "01000000 00000000 03000000 01000000 00000000 00001000");
 
     // Setting takes level, echo and maximum size; the other words stay.
     const std::vector<uint8_t> set = {11, 0, 0, 0, 12, 0, 0, 0, 0xfe, 0xff, 0xff, 0xff,
