@@ -13,6 +13,7 @@
 #include <regex>
 
 #include "helpers.h"
+#include "tests/emulator.h"
 #include "tools/drav-sim/payload.h"
 
 namespace {
@@ -66,7 +67,8 @@ struct sim_proc {
     std::vector<std::string> lines;  // bodies, timestamp removed
     int status = -1;
 
-    explicit sim_proc(std::vector<std::string> args) {
+    explicit sim_proc(const std::vector<std::string> &args) {
+        const std::vector<std::string> cmd = emulator::command(DSIM_BINARY, args);
         int ip[2], op[2];
         EXPECT_EQ(pipe2(ip, O_CLOEXEC), 0);
         EXPECT_EQ(pipe2(op, O_CLOEXEC), 0);
@@ -75,10 +77,7 @@ struct sim_proc {
             dup2(ip[0], 0);
             dup2(op[1], 1);
             dup2(op[1], 2);
-            std::vector<char *> argv{const_cast<char *>(DSIM_BINARY)};
-            for (std::string &a : args) argv.push_back(a.data());
-            argv.push_back(nullptr);
-            execv(DSIM_BINARY, argv.data());
+            emulator::exec(cmd);
             _exit(127);
         }
         close(ip[0]);

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <bit>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -16,6 +15,7 @@
 #include <vector>
 
 #include "platform/log.h"
+#include "tests/host_order.h"
 #include "tests/platform/fixtures.h"
 
 namespace platform_test {
@@ -27,6 +27,13 @@ Words record() {
     Words w;
     std::memcpy(w.data(), vk_log_conf_data, sizeof vk_log_conf_data);
     return w;
+}
+
+// Words in host order, as fixtures' hex() shows them: four bytes to a group.
+std::string words_hex(std::initializer_list<uint32_t> words) {
+    std::string s;
+    for (uint32_t w : words) s += (s.empty() ? "" : " ") + host_order::h32(w);
+    return s;
 }
 
 std::string slurp(const std::string &file) {
@@ -175,21 +182,23 @@ TEST_F(Log, RunsWithoutAFileWhenItCannotOpenOne) {
 }
 
 TEST_F(Log, ConfigurationInItsOwnForm) {
-    if (std::endian::native != std::endian::little) GTEST_SKIP() << "bytes below are little-endian";
     VK_LOG_INIT("tovrin", 4, 1);
     auto msg = std::make_unique<vk_ipc_msg_t>();
     msg->len = 999;
     VK_LOG_GET_CFG(msg.get());
     EXPECT_EQ(msg->len, 24u);
-    EXPECT_EQ(hex(msg->payload, msg->len), "01000000 00000000 03000000 01000000 00000000 00001000");
+    EXPECT_EQ(hex(msg->payload, msg->len), words_hex({1, 0, 3, 1, 0, 1048576}));
 
     // Setting takes level, echo and maximum size; the other words stay.
-    const std::vector<uint8_t> set = {11, 0, 0, 0, 12, 0, 0, 0, 0xfe, 0xff, 0xff, 0xff,
-                                      0,  0, 0, 0, 15, 0, 0, 0, 0x00, 0x00, 0x02, 0x00};
+    std::vector<uint8_t> set;
+    for (uint32_t w : {11u, 12u, 0xfffffffeu, 0u, 15u, 131072u}) {
+        const auto b = host_order::b32(w);
+        set.insert(set.end(), b.begin(), b.end());
+    }
     VK_LOG_SET_CFG(set.data());
     EXPECT_EQ(record(), (Words{1, 0, -2, 0, 0, 131072}));
     VK_LOG_GET_CFG(msg.get());
-    EXPECT_EQ(hex(msg->payload, msg->len), "01000000 00000000 feffffff 00000000 00000000 00000200");
+    EXPECT_EQ(hex(msg->payload, msg->len), words_hex({1, 0, 0xfffffffe, 0, 0, 131072}));
 }
 
 }  // namespace

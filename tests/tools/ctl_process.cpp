@@ -11,6 +11,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "tests/emulator.h"
+
 namespace ctltest {
 
 namespace {
@@ -30,6 +32,7 @@ void drain(int fd, std::string &into)
 
 ctl_child::ctl_child(const std::vector<std::string> &args)
 {
+    const std::vector<std::string> cmd = emulator::command(TOVRINCTL_BIN, args);
     int out[2], err[2];
     if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0)
         throw std::runtime_error("pipe");
@@ -39,12 +42,7 @@ ctl_child::ctl_child(const std::vector<std::string> &args)
     if (pid_ == 0) {
         ::dup2(out[1], 1);
         ::dup2(err[1], 2);
-        std::vector<char *> argv;
-        argv.push_back(const_cast<char *>(TOVRINCTL_BIN));
-        for (const std::string &a : args)
-            argv.push_back(const_cast<char *>(a.c_str()));
-        argv.push_back(nullptr);
-        ::execv(TOVRINCTL_BIN, argv.data());
+        emulator::exec(cmd);
         ::_exit(127);
     }
     ::close(out[1]);
