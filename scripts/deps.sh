@@ -1,5 +1,6 @@
 # Debian packages the build, the tests and the demo need. Sourced by the scripts.
-TOVRIN_DEPS=(g++ cmake make libgtest-dev libssl-dev openssl iproute2 valgrind procps python3)
+TOVRIN_DEPS=(g++ cmake make libgtest-dev libssl-dev openssl iproute2 valgrind procps python3
+             libpcap-dev tcpdump tshark wireshark-common)
 
 # Installs the missing ones with apt-get when run as root; otherwise says what to install.
 tovrin_install_deps() {

@@ -1,0 +1,67 @@
+#!/usr/bin/env bash
+# Reads the committed captures with the dissector and with tovrin-pcap and
+# compares what they print with the golden files in golden/; fails on any
+# difference, on any Lua error, and on anything malformed in the session
+# captures (the malformed capture must show its expert notes, never a Lua
+# error nor a dissector exception).
+#   check.sh TOVRIN_PCAP_BIN            compare
+#   check.sh TOVRIN_PCAP_BIN --update   rewrite golden/ from the current tools
+set -u
+here=$(cd "$(dirname "$0")" && pwd)
+pcap_bin=$1
+update=${2:-}
+lua="$here/../../tools/wireshark/tovrin.lua"
+key=000102030405060708090a0b0c0d0e0f
+work=$(mktemp -d /tmp/tovrin-captures.XXXXXX)
+trap 'rm -rf "$work"' EXIT
+mkdir -p "$work/home" "$work/out"
+failed=0
+fail() { echo "FAILED: $*"; failed=1; }
+
+# Fixed time zone, no user preferences or plugins, relative file names.
+tshark_lua() {
+    (cd "$here" && TZ=UTC HOME="$work/home" WIRESHARK_CONFIG_DIR="$work/home" \
+        tshark -X "lua_script:$lua" -2 "$@" 2>&1 | grep -v '^Running as user')
+}
+
+have_tshark=1
+command -v tshark >/dev/null || have_tshark=0
+
+for cap in session-any.pcap session-eth.pcapng session-sll.pcap malformed.pcap; do
+    base=${cap%.*}
+    (cd "$here" && "$pcap_bin" --datagrams "$cap") >"$work/out/$base.txt"
+    (cd "$here" && "$pcap_bin" --key "$key" "$cap") >"$work/out/$base.key.txt"
+    [ "$have_tshark" = 1 ] || continue
+    tshark_lua -r "$cap" -V >"$work/out/$base.tshark"
+    grep -qi 'lua error' "$work/out/$base.tshark" && fail "$cap: Lua error"
+    grep -q 'Malformed Packet' "$work/out/$base.tshark" && fail "$cap: a dissector exception"
+    case $cap in
+    session-*)
+        grep -qi 'malformed' "$work/out/$base.tshark" && fail "$cap: something malformed"
+        n=$(tshark_lua -r "$cap" | wc -l)
+        [ "$(tshark_lua -r "$cap" -Y tovrin | wc -l)" = "$n" ] || fail "$cap: not every datagram is tovrin"
+        ;;
+    esac
+done
+(cd "$here" && "$pcap_bin" --json --key "$key" session-any.pcap) >"$work/out/session-any.json"
+# The Ethernet capture's dissection differs from the cooked one below UDP only.
+rm -f "$work/out/session-eth.tshark" "$work/out/session-sll.tshark"
+
+if [ "$update" = --update ]; then
+    mkdir -p "$here/golden"
+    cp "$work/out/"* "$here/golden/"
+    echo "golden files rewritten"
+    exit "$failed"
+fi
+for f in "$work/out/"*; do
+    g="$here/golden/$(basename "$f")"
+    if [ ! -f "$g" ]; then
+        fail "no golden file $(basename "$f")"
+    elif ! diff -u "$g" "$f" >"$work/diff"; then
+        fail "$(basename "$f") differs from its golden file:"
+        head -40 "$work/diff"
+    fi
+done
+[ "$have_tshark" = 1 ] || echo "tshark is not installed: the dissector was not checked"
+[ "$failed" = 0 ] && echo "captures read as recorded"
+exit "$failed"

@@ -1,0 +1,104 @@
+#!/usr/bin/env python3
+"""Writes malformed.pcap: Ethernet frames of the tovrin link between an AP
+(10.0.0.2) and its controller (10.0.0.1), each datagram wrong in one way, so
+that the dissector and tovrin-pcap are shown to flag them without failing.
+Run it again to regenerate the committed file: python3 make_malformed.py OUT"""
+import struct
+import sys
+
+AP, CTL = (10, 0, 0, 2), (10, 0, 0, 1)
+MAGIC = 0xDEADFEED
+
+
+def hdr(flags, data_len, frag=0, ctlr=0, ap=0, version=1, hdr_len=12, magic=MAGIC):
+    return struct.pack(">BBHIBBBB", version, hdr_len, data_len, magic, flags, frag, ctlr, ap)
+
+
+def dgram(flags, payload, **kw):
+    return hdr(flags, kw.pop("data_len", len(payload)), **kw) + payload
+
+
+def ctrl(type_, length, body):
+    return struct.pack(">BBH", type_, 0, length) + body
+
+
+def plain(src, dst, data, length=None):
+    return struct.pack(">BBHII", 0x21, 0, length if length is not None else 12 + len(data), src, dst) + data
+
+
+def enc(src, dst, pad, body, length=None):
+    iv, md5 = bytes(range(16)), bytes(16)
+    n = 48 + len(body)
+    return struct.pack(">BBHIII", 0x26, 0, length if length is not None else n, src, dst, pad) + iv + md5 + body
+
+
+REG = ctrl(0x1F, 104, b"SERIAL-1".ljust(16, b"\0") + struct.pack(">I", 42) + bytes.fromhex("020000000001")
+           + bytes([0, 11]) + b"Testserver".ljust(64, b"\0") + struct.pack(">II", 5000, 0))
+
+# (from, datagram, what it shows)
+CASES = [
+    (AP, dgram(0xA0, REG), "a good registration request: the AP is 10.0.0.2"),
+    (AP, b"\x01\x0c\x00\x00\x00", "5 bytes: shorter than the frame header"),
+    (AP, dgram(0xA0, REG, version=2), "version 2"),
+    (AP, dgram(0xA0, REG, hdr_len=11), "header length 11"),
+    (AP, dgram(0xA0, REG, magic=0xDEADBEEF), "wrong magic"),
+    (AP, dgram(0x24, b"abcd", data_len=10), "data length 10, 4 bytes follow"),
+    (AP, dgram(0x24, b"abc", data_len=0), "data length 0, 3 bytes follow"),
+    (AP, dgram(0x24, bytes(1100)), "data length 1100, above 1024"),
+    (CTL, dgram(0x80, ctrl(0x21, 8, bytes(4))), "unknown control type 0x21"),
+    (CTL, dgram(0x80, ctrl(0x20, 35, bytes(31))), "keepalive response with length 35"),
+    (AP, dgram(0xA0, ctrl(0x1F, 104, bytes(16))), "registration request with length 104 in 20 bytes"),
+    (CTL, dgram(0x80, b"\x22\x00"), "control packet of 2 bytes"),
+    (CTL, dgram(0x08, b"oops", ap=1), "acknowledgement with 4 bytes of data"),
+    (CTL, dgram(0x08, b"", ap=77), "acknowledgement of a message never seen"),
+    (AP, dgram(0x24, plain(105, 102, b"x" * 8), frag=2, ap=9), "fragment 2 of message 9 without the first"),
+    (AP, dgram(0x24, plain(105, 102, b"y" * 8, length=100), ap=10), "length field 100 in 20 bytes"),
+    (AP, dgram(0x24, struct.pack(">BBHII", 0x22, 0, 12, 1, 2), ap=11), "payload type 0x22"),
+    (AP, dgram(0x24, struct.pack(">BBHII", 0x26, 0, 40, 1, 2) + bytes(28), ap=12), "encrypted, 40 bytes"),
+    (AP, dgram(0x24, enc(105, 102, 20, bytes(16)), ap=13), "encrypted with pad 20"),
+    (AP, dgram(0x24, enc(105, 102, 0, bytes(8)), ap=14), "encrypted part of 8 bytes"),
+    (CTL, dgram(0x24, enc(201, 101, 3, bytes(range(32))), ctlr=5), "encrypted, digest does not match"),
+    (AP, dgram(0x25, plain(105, 102, b"z" * 2000)[:1024], frag=0, ap=15), "fragment 0 of 3"),
+    (AP, dgram(0x24, plain(105, 102, b"z" * 2000)[2048:], frag=2, ap=15), "fragment 2 of 3; 1 is lost"),
+    (AP, dgram(0x24, plain(105, 102, b"never acknowledged"), ap=16), "a message nobody acknowledges"),
+]
+# A message of 17 fragments: larger than 16384 bytes.
+BIG = plain(105, 102, b"b" * (17 * 1024 - 12))
+for k in range(17):
+    CASES.append((AP, dgram(0x25 if k < 16 else 0x24, BIG[k * 1024:(k + 1) * 1024], frag=k, ap=17),
+                  "fragment %d of a message of 17" % k))
+
+
+def checksum(b):
+    s = sum(struct.unpack(">%dH" % (len(b) // 2), b))
+    while s >> 16:
+        s = (s & 0xFFFF) + (s >> 16)
+    return ~s & 0xFFFF
+
+
+def frame(src, payload):
+    dst = CTL if src == AP else AP
+    udp = struct.pack(">HHHH", 6650, 6650, 8 + len(payload), 0) + payload
+    ip = struct.pack(">BBHHHBBH4B4B", 0x45, 0, 20 + len(udp), 1, 0, 64, 17, 0, *src, *dst)
+    ip = ip[:10] + struct.pack(">H", checksum(ip)) + ip[12:]
+    eth = bytes.fromhex("020000000001" "020000000002" "0800") if src == AP else \
+        bytes.fromhex("020000000002" "020000000001" "0800")
+    f = eth + ip + udp
+    return f + bytes(max(0, 60 - len(f)))
+
+
+def main(out):
+    with open(out, "wb") as f:
+        f.write(struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, 1))
+        for i, (src, d, _) in enumerate(CASES):
+            b = frame(src, d)
+            f.write(struct.pack("<IIII", 1700000000, i * 1000, len(b), len(b)))
+            f.write(b)
+        # Last, a frame the capture cut short: 50 of its bytes kept.
+        b = frame(AP, dgram(0x24, plain(105, 102, b"cut by the snap length"), ap=18))
+        f.write(struct.pack("<IIII", 1700000000, len(CASES) * 1000, 50, len(b)))
+        f.write(b[:50])
+
+
+if __name__ == "__main__":
+    main(sys.argv[1] if len(sys.argv) > 1 else "malformed.pcap")
