@@ -5,7 +5,8 @@
 
 # TOVRIN_PROJECT_VERSION: the version the build was configured with.
 want=${TOVRIN_PROJECT_VERSION:?}
-for prog in "tovrin $TOVRIN_BIN" "tovrinctl $TOVRINCTL_BIN" "drav-sim $DRAVSIM_BIN"; do
+for prog in "tovrin $TOVRIN_BIN" "tovrinctl $TOVRINCTL_BIN" "drav-sim $DRAVSIM_BIN" \
+    "tovrin-pcap $TOVRIN_PCAP_BIN"; do
     set -- $prog
     name=$1 bin=$2
     out=$("$bin" --version); rc=$?

@@ -10,11 +10,7 @@
 #include "tools/tovrin-pcap/capture.h"
 #include "tools/tovrin-pcap/decoder.h"
 #include "tools/tovrin-pcap/report.h"
-#if __has_include("tovrin_version.h")
 #include "tovrin_version.h"
-#else
-#define TOVRIN_VERSION "1.0.0"
-#endif
 
 namespace {
 
