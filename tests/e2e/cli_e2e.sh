@@ -5,8 +5,9 @@
 
 # TOVRIN_PROJECT_VERSION: the version the build was configured with.
 want=${TOVRIN_PROJECT_VERSION:?}
-for prog in "tovrin $TOVRIN_BIN" "tovrinctl $TOVRINCTL_BIN" "drav-sim $DRAVSIM_BIN" \
-    "tovrin-pcap $TOVRIN_PCAP_BIN"; do
+progs=("tovrin $TOVRIN_BIN" "tovrinctl $TOVRINCTL_BIN" "drav-sim $DRAVSIM_BIN")
+[ -n "${TOVRIN_PCAP_BIN:-}" ] && progs+=("tovrin-pcap $TOVRIN_PCAP_BIN")
+for prog in "${progs[@]}"; do
     set -- $prog
     name=$1 bin=$2
     out=$("$bin" --version); rc=$?
