@@ -38,6 +38,8 @@ for cap in session-any.pcap session-eth.pcapng session-sll.pcap malformed.pcap; 
     case $cap in
     session-*)
         grep -qi 'malformed' "$work/out/$base.tshark" && fail "$cap: something malformed"
+        [ "$(tshark_lua -r "$cap" -Y '_ws.expert.severity >= warning' | wc -l)" = 0 ] ||
+            fail "$cap: a warning or error"
         n=$(tshark_lua -r "$cap" | wc -l)
         [ "$(tshark_lua -r "$cap" -Y tovrin | wc -l)" = "$n" ] || fail "$cap: not every datagram is tovrin"
         ;;

@@ -23,6 +23,7 @@ for cap in any.pcap eth.pcapng sll.pcap; do
     check_eq "$cap: every datagram dissects as tovrin" "$(tshark_lua -r "$f" -2 -Y tovrin | wc -l)" "$frames"
     tshark_lua -r "$f" -2 -V >"$WORK/$cap.tshark"
     check_eq "$cap: no Lua error, nothing malformed" "$(grep -ciE 'lua error|malformed' "$WORK/$cap.tshark")" 0
+    check_eq "$cap: no warning, no error" "$(tshark_lua -r "$f" -2 -Y '_ws.expert.severity >= warning' | wc -l)" 0
     # Nine messages, one of them sent twice: each transmission is shown whole.
     check_eq "$cap: every message reassembled" \
         "$(tshark_lua -r "$f" -2 -Y 'tovrin.msg.type' | wc -l)" 10

@@ -128,10 +128,11 @@ tovrin.experts = { ex.short, ex.version, ex.hdr_len, ex.magic, ex.length, ex.too
 local aps        -- conversation key -> the AP's address:port
 local asm        -- direction key .. message number -> fragments being put together
 local done       -- direction key .. message number -> frame that completed the message last
+local sent       -- direction key .. message number -> every frame that completed a transmission of it
 local frames     -- frame number -> what the first pass found
 
 local function reset()
-    aps, asm, done, frames = {}, {}, {}, {}
+    aps, asm, done, sent, frames = {}, {}, {}, {}, {}
 end
 reset()
 tovrin.init = reset  -- a new capture file starts afresh
@@ -293,6 +294,7 @@ local function track_fragment(fr, key, frame, flags, frag, payload)
     local first = frag == 0
     local retx = band(flags, F_RETX) ~= 0
     if first and retx and done[key] then fr.retx_of = done[key] end
+    if first and not retx then sent[key] = {} end
     if first and (not a or not retx or a.complete) then
         a = { parts = {}, frames = {}, last = nil, complete = false }
         asm[key] = a
@@ -326,6 +328,8 @@ local function track_fragment(fr, key, frame, flags, frag, payload)
         if other and a.frames[k] ~= frame then other.reassembled_in = frame end
     end
     done[key] = frame
+    sent[key] = sent[key] or {}
+    table.insert(sent[key], frame)
 end
 
 function tovrin.dissector(tvb, pinfo, tree)
@@ -402,10 +406,14 @@ function tovrin.dissector(tvb, pinfo, tree)
             -- An acknowledgement names the message it answers in the other direction.
             local src, dst = endpoint(pinfo.src, pinfo.src_port), endpoint(pinfo.dst, pinfo.dst_port)
             local num = fr.dir == DIR_UP and ctlr_trans or ap_trans
-            local m = done[dst .. ">" .. src .. "#" .. num]
+            local key = dst .. ">" .. src .. "#" .. num
+            local m = done[key]
             if m then
                 fr.ack_of = m
-                if frames[m] then frames[m].acked_in = frames[m].acked_in or pinfo.number end
+                -- Every transmission of the message counts as answered.
+                for _, t in ipairs(sent[key] or {}) do
+                    if frames[t] then frames[t].acked_in = frames[t].acked_in or pinfo.number end
+                end
             end
         end
         frames[pinfo.number] = fr
