@@ -3,7 +3,7 @@
 # compares what they print with the golden files in golden/; fails on any
 # difference, on any Lua error, and on anything malformed in the session
 # captures (the malformed capture must show its expert notes, never a Lua
-# error nor a dissector exception).
+# error nor a dissector exception). Then feeds both tools mangled datagrams.
 #   check.sh TOVRIN_PCAP_BIN            compare
 #   check.sh TOVRIN_PCAP_BIN --update   rewrite golden/ from the current tools
 set -u
@@ -46,6 +46,14 @@ for cap in session-any.pcap session-eth.pcapng session-sll.pcap malformed.pcap; 
     esac
 done
 (cd "$here" && "$pcap_bin" --json --key "$key" session-any.pcap) >"$work/out/session-any.json"
+# Mangled datagrams from fixed seeds: never a Lua error, never a failure.
+for seed in 1 2; do
+    python3 "$here/make_noise.py" "$seed" 3000 "$work/noise.pcap"
+    "$pcap_bin" --datagrams --key "$key" "$work/noise.pcap" >/dev/null || fail "noise $seed: tovrin-pcap failed"
+    [ "$have_tshark" = 1 ] || continue
+    tshark_lua -r "$work/noise.pcap" -V >"$work/noise.tshark"
+    grep -qiE 'lua error|Malformed Packet' "$work/noise.tshark" && fail "noise $seed: $(grep -m1 -iE 'lua error|Malformed Packet' "$work/noise.tshark")"
+done
 # The Ethernet capture's dissection differs from the cooked one below UDP only.
 rm -f "$work/out/session-eth.tshark" "$work/out/session-sll.tshark"
 
