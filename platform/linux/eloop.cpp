@@ -47,9 +47,17 @@ constexpr int MAX_EVENTS = 32;
 constexpr uint64_t SIGNAL_TAG = UINT64_MAX;
 
 int epfd = -1;
-// SIGTERM and SIGINT write a byte here. Made once and never closed: a signal
-// may arrive at any moment, and must never write into a reused descriptor.
+// A caught signal writes its number here as one byte. Made once and never
+// closed: a signal may arrive at any moment, and must never write into a
+// reused descriptor.
 int sig_pipe[2] = {-1, -1};
+// Handlers of the signals taken with vk_eloop_register_signal, by number.
+struct SignalSlot {
+    vk_eloop_signal_handler handler;
+    void *ctx;
+    bool caught;  // our writer is installed for it
+};
+std::array<SignalSlot, 65> signal_slots{};
 bool terminating = false;
 bool have_pwait2 = true;
 uint64_t next_seq = 0;
@@ -75,9 +83,10 @@ std::vector<ReadSock>::iterator find_sock(int sock) {
 }
 
 // All the handler does; the loop sees the pipe readable and stops.
-void on_termination_signal(int) {
+void on_signal(int sig) {
     const int saved = errno;
-    if (write(sig_pipe[1], "", 1) < 0) {
+    const char byte = char(sig);
+    if (write(sig_pipe[1], &byte, 1) < 0) {
         // Pipe full: a byte is already waiting, which is enough.
     }
     errno = saved;
@@ -88,7 +97,7 @@ void on_termination_signal(int) {
 int catch_termination_signals() {
     if (sig_pipe[0] < 0 && pipe2(sig_pipe, O_NONBLOCK | O_CLOEXEC) != 0) return -1;
     struct sigaction sa {};
-    sa.sa_handler = on_termination_signal;
+    sa.sa_handler = on_signal;
     sigemptyset(&sa.sa_mask);
     sa.sa_flags = SA_RESTART;
     if (sigaction(SIGTERM, &sa, nullptr) != 0 || sigaction(SIGINT, &sa, nullptr) != 0) return -1;
@@ -129,16 +138,33 @@ void run_due_timeouts() {
     }
 }
 
+// Reads every signal byte waiting; a termination wins over the others, which
+// run their handlers once each, in number order.
 void drain_signals() {
     std::array<char, 64> buf;
-    while (read(sig_pipe[0], buf.data(), buf.size()) > 0) {
+    std::array<bool, 65> arrived{};
+    ssize_t n;
+    while ((n = read(sig_pipe[0], buf.data(), buf.size())) > 0)
+        for (ssize_t i = 0; i < n; ++i) {
+            const auto sig = std::size_t(uint8_t(buf[std::size_t(i)]));
+            if (sig == SIGTERM || sig == SIGINT) terminating = true;
+            if (sig < arrived.size()) arrived[sig] = true;
+        }
+    for (std::size_t sig = 1; sig < arrived.size() && !terminating; ++sig) {
+        const SignalSlot s = signal_slots[sig];
+        if (arrived[sig] && s.handler) s.handler(int(sig), s.ctx);
     }
+}
+
+void forget_signals() {
+    for (std::size_t sig = 1; sig < signal_slots.size(); ++sig)
+        if (signal_slots[sig].caught) signal(int(sig), SIG_DFL);
+    signal_slots = {};
 }
 
 void dispatch(const epoll_event &ev) {
     if (ev.data.u64 == SIGNAL_TAG) {
         drain_signals();
-        terminating = true;
         return;
     }
     const int fd = int(uint32_t(ev.data.u64));
@@ -161,6 +187,7 @@ int vk_eloop_init(void *) {
     timeouts.clear();
     socks.clear();
     terminating = false;
+    forget_signals();
     try {
         timeouts.reserve(TIMEOUT_RESERVE);
     } catch (const std::bad_alloc &) {
@@ -178,6 +205,21 @@ int vk_eloop_init(void *) {
         epfd = -1;
         return -1;
     }
+    return 0;
+}
+
+int vk_eloop_register_signal(int sig, vk_eloop_signal_handler handler, void *ctx) {
+    if (sig <= 0 || std::size_t(sig) >= signal_slots.size() || sig == SIGTERM || sig == SIGINT ||
+        sig == SIGKILL || sig == SIGSTOP || sig_pipe[1] < 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    struct sigaction sa {};
+    sa.sa_handler = handler ? on_signal : SIG_IGN;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = SA_RESTART;
+    if (sigaction(sig, &sa, nullptr) != 0) return -1;
+    signal_slots[std::size_t(sig)] = SignalSlot{handler, ctx, true};
     return 0;
 }
 

@@ -264,4 +264,41 @@ TEST_F(EloopRun, TerminationSignalsEndTheRun) {
     }
 }
 
+std::vector<int> signals_seen;
+void note_signal(int sig, void *ctx) {
+    signals_seen.push_back(sig);
+    // Real work is allowed here: this runs in the loop, not in the signal's context.
+    fired.emplace_back(static_cast<const char *>(ctx));
+}
+
+// Taken signals reach their handler from the loop, which goes on; ignored ones
+// do nothing; neither ends the process as the default action would.
+TEST_F(EloopRun, TakenSignalsRunTheirHandlerInTheLoop) {
+    signals_seen.clear();
+    ASSERT_EQ(vk_eloop_register_signal(SIGHUP, note_signal, const_cast<char *>("hup")), 0);
+    ASSERT_EQ(vk_eloop_register_signal(SIGUSR1, note_signal, const_cast<char *>("usr1")), 0);
+    ASSERT_EQ(vk_eloop_register_signal(SIGUSR2, nullptr, nullptr), 0);
+    ASSERT_EQ(vk_eloop_register_signal(SIGPIPE, nullptr, nullptr), 0);
+    for (int sig : {SIGTERM, SIGINT, SIGKILL, 0, 65}) {
+        SCOPED_TRACE(sig);
+        EXPECT_EQ(vk_eloop_register_signal(sig, note_signal, nullptr), -1);
+    }
+    int hup = SIGHUP, usr1 = SIGUSR1, usr2 = SIGUSR2, pipe_sig = SIGPIPE;
+    ASSERT_EQ(vk_eloop_register_timeout(0, 1000, send_signal, nullptr, &usr2), 0);
+    ASSERT_EQ(vk_eloop_register_timeout(0, 2000, send_signal, nullptr, &pipe_sig), 0);
+    ASSERT_EQ(vk_eloop_register_timeout(0, 3000, send_signal, nullptr, &hup), 0);
+    ASSERT_EQ(vk_eloop_register_timeout(0, 20000, send_signal, nullptr, &usr1), 0);
+    ASSERT_EQ(vk_eloop_register_timeout(0, 40000, record, nullptr, const_cast<char *>("still running")), 0);
+    stop_after_ms(60);
+    vk_eloop_run();
+    EXPECT_EQ(signals_seen, (std::vector<int>{SIGHUP, SIGUSR1}));
+    EXPECT_EQ(fired, (std::vector<std::string>{"hup", "usr1", "still running"}));
+
+    // A new init forgets them: the default action is back.
+    ASSERT_EQ(vk_eloop_init(nullptr), 0);
+    struct sigaction now {};
+    ASSERT_EQ(sigaction(SIGHUP, nullptr, &now), 0);
+    EXPECT_EQ(now.sa_handler, SIG_DFL);
+}
+
 }  // namespace

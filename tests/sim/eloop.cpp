@@ -2,6 +2,7 @@
 // but time only moves when a timeout is due or a run_for ends.
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <utility>
 
 #include "platform/eloop.h"
@@ -43,6 +44,22 @@ void handle_readable(bool stop_on_terminate) {
     }
 }
 
+// Every signal raised so far, each taken one once, in the order raised.
+void deliver_signals() {
+    World &w = world();
+    std::vector<int> raised;
+    raised.swap(w.raised);
+    std::sort(raised.begin(), raised.end());
+    raised.erase(std::unique(raised.begin(), raised.end()), raised.end());
+    for (int sig : raised)
+        if (sig == SIGTERM || sig == SIGINT) w.terminate = true;
+    for (int sig : raised) {
+        if (w.terminate) return;
+        auto it = w.signals.find(sig);
+        if (it != w.signals.end() && it->second.handler) it->second.handler(sig, it->second.ctx);
+    }
+}
+
 // Removed before the call, so the handler may re-arm or cancel itself freely.
 void run_first_timeout() {
     World &w = world();
@@ -62,6 +79,7 @@ void run_for(uint64_t us) {
     World &w = world();
     const uint64_t end = w.now_us + us;
     for (;;) {
+        deliver_signals();
         handle_readable(false);
         if (w.timeouts.empty() || w.timeouts.front().expiry_us > end) break;
         run_first_timeout();
@@ -70,6 +88,8 @@ void run_for(uint64_t us) {
 }
 
 void settle() { run_for(0); }
+
+void raise_signal(int sig) { world().raised.push_back(sig); }
 
 std::size_t pending_timeouts() { return world().timeouts.size(); }
 
@@ -94,6 +114,16 @@ int vk_eloop_init(void *) {
     world().terminate = false;
     world().timeouts.clear();
     world().read_socks.clear();
+    world().signals.clear();
+    return 0;
+}
+
+int vk_eloop_register_signal(int sig, vk_eloop_signal_handler handler, void *ctx) {
+    if (sig <= 0 || sig > 64 || sig == SIGTERM || sig == SIGINT || sig == SIGKILL || sig == SIGSTOP) {
+        errno = EINVAL;
+        return -1;
+    }
+    world().signals[sig] = sim::SignalReg{handler, ctx};
     return 0;
 }
 
@@ -144,6 +174,8 @@ int vk_eloop_cancel_timeout(vk_eloop_timeout_handler handler, void *eloop_ctx, v
 void vk_eloop_run(void) {
     sim::World &w = world();
     while (!w.terminate) {
+        sim::deliver_signals();
+        if (w.terminate) break;
         sim::handle_readable(true);
         if (w.terminate || w.timeouts.empty()) break;
         sim::run_first_timeout();

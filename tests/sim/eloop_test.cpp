@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <csignal>
 #include <optional>
 #include <string>
 #include <utility>
@@ -220,6 +221,42 @@ TEST_F(SimEloop, SettleRunsOnlyWhatIsDueNow) {
     EXPECT_EQ(sim::now_us(), 0u);
     EXPECT_EQ(sim::next_timeout_of(record), std::optional<uint64_t>(1));
     EXPECT_EQ(sim::next_timeout_of(other), std::nullopt);
+}
+
+void on_signal(int sig, void *trace) {
+    static_cast<Trace *>(trace)->fired.emplace_back(sim::now_us(), sig == SIGHUP ? "hup" : "usr1");
+}
+
+// Raised signals reach their handlers at the next round of the world, once
+// each however often raised; a termination signal ends vk_eloop_run.
+TEST_F(SimEloop, SignalsAreDeliveredByTheLoop) {
+    ASSERT_EQ(vk_eloop_register_signal(SIGHUP, on_signal, &trace), 0);
+    ASSERT_EQ(vk_eloop_register_signal(SIGUSR1, on_signal, &trace), 0);
+    ASSERT_EQ(vk_eloop_register_signal(SIGPIPE, nullptr, nullptr), 0);
+    EXPECT_EQ(vk_eloop_register_signal(SIGTERM, on_signal, &trace), -1);
+    sim::raise_signal(SIGUSR1);
+    sim::raise_signal(SIGUSR1);
+    sim::raise_signal(SIGPIPE);
+    sim::raise_signal(SIGUSR2);
+    EXPECT_TRUE(trace.fired.empty()) << "never inside the raise";
+    sim::run_for(kSec);
+    EXPECT_EQ(trace.names(), (std::vector<std::string>{"usr1"}));
+    EXPECT_EQ(trace.times(), (std::vector<uint64_t>{0}));
+
+    vk_eloop_register_timeout(5, 0, record, &trace, tag("later"));
+    sim::raise_signal(SIGHUP);
+    sim::raise_signal(SIGTERM);
+    vk_eloop_run();
+    EXPECT_EQ(trace.names(), (std::vector<std::string>{"usr1"})) << "the termination comes first";
+    EXPECT_EQ(sim::pending_timeouts(), 1u);
+
+    sim::raise_signal(SIGHUP);
+    sim::settle();
+    EXPECT_EQ(trace.names(), (std::vector<std::string>{"usr1", "hup"}));
+    ASSERT_EQ(vk_eloop_init(nullptr), 0);
+    sim::raise_signal(SIGHUP);
+    sim::settle();
+    EXPECT_EQ(trace.fired.size(), 2u) << "init forgets the handlers";
 }
 
 }  // namespace

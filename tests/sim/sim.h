@@ -27,6 +27,10 @@ void run_for(uint64_t us);
 inline void run_for_ms(uint64_t ms) { run_for(ms * 1000); }
 // Handles readable sockets and timeouts due now, without advancing the clock.
 void settle();
+// Sends sig to the daemon: handled at the next settle()/run_for() or round of
+// vk_eloop_run, before readable sockets, as the real loop reads its signal
+// pipe. SIGTERM and SIGINT end vk_eloop_run; a signal nobody took is lost.
+void raise_signal(int sig);
 // Number of pending timeouts, in all or of one handler.
 std::size_t pending_timeouts();
 std::size_t pending_timeouts(vk_eloop_timeout_handler h);

@@ -49,6 +49,11 @@ struct ReadSock {
     void *ctx1, *ctx2;
 };
 
+struct SignalReg {
+    vk_eloop_signal_handler handler;
+    void *ctx;
+};
+
 struct World {
     uint64_t now_us = 0;
     uint64_t next_seq = 0;
@@ -57,6 +62,8 @@ struct World {
     std::vector<Timeout> timeouts;
     std::map<int, ReadSock> read_socks;
     std::map<int, Socket> sockets;
+    std::map<int, SignalReg> signals;  // null handler: ignored
+    std::vector<int> raised;           // not yet handled, oldest first
 
     std::vector<Datagram> udp_sent;
     int udp_fail_socket = 0, udp_fail_bind = 0, udp_fail_send = 0;
