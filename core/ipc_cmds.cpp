@@ -4,6 +4,7 @@
 
 #include "core/ctrl_ip.h"
 #include "core/ipc_codes.h"
+#include "core/counters.h"
 #include "core/log_rule.h"
 #include "core/startup.h"
 #include "link/record.h"
@@ -18,6 +19,7 @@ namespace {
 // before any field is read, so no handler looks past what arrived.
 bool payload_fits(const vk_ipc_msg_t *msg, uint32_t need) {
     if (msg->len >= need) return true;
+    tovrin_refused(TOVRIN_REFUSED_IPC_SHORT_PAYLOAD);
     TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: message %u refused: %u payload bytes, needs %u\n",
                "tovrin_proc_not", msg->type, msg->len, need);
     return false;
@@ -68,6 +70,7 @@ int tovrin_proc_not(const vk_ipc_msg_t *msg, const char * /*sender*/) {
         if (payload_fits(msg, 4)) tovrin_proc_set_encryption_state(load_host32(payload));
         break;
     default:
+        tovrin_refused(TOVRIN_REFUSED_IPC_UNKNOWN_NOTIFICATION);
         break;  // unknown notifications are ignored silently
     }
     return 0;
@@ -100,11 +103,20 @@ int tovrin_proc_reqresp(const vk_ipc_msg_t *msg, const char *sender) {
         resp.len = 8;
         break;
     }
+    case TOVRIN_IPC_GET_STATS: {
+        tovrin_counters_t c;
+        tovrin_counters_read(&c);
+        std::memcpy(resp.payload, &c, sizeof c);
+        resp.len = sizeof c;
+        break;
+    }
     case TOVRIN_IPC_SEND_MSG:
+        tovrin_refused(TOVRIN_REFUSED_IPC_SEND_AS_REQUEST);
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "Not Implemented message %d type Request/Response\n",
                    static_cast<int>(msg->type));
         break;
     default:
+        tovrin_refused(TOVRIN_REFUSED_IPC_UNKNOWN_REQUEST);
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "Not expecting message %d type Request/Response\n",
                    static_cast<int>(msg->type));
         break;
@@ -136,6 +148,7 @@ int tovrin_proc_set_key(const uint8_t *payload, uint32_t len) {
     // Refused rather than cut short: a shortened key would silently encrypt
     // with something the controller does not hold. The old key stays.
     if (n > TOVRIN_KEY_MAX || n > len - 4) {
+        tovrin_refused(TOVRIN_REFUSED_IPC_BAD_KEY);
         TOVRIN_LOG(TOVRIN_LOG_NOTE,
                    "NOTE: <<%s: key length %u refused: %u key bytes received, room for %u\n",
                    "tovrin_proc_set_key", n, len - 4, static_cast<unsigned>(TOVRIN_KEY_MAX));

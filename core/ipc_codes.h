@@ -20,5 +20,8 @@ inline constexpr uint32_t TOVRIN_IPC_SET_ENCRYPT = 181;
 inline constexpr uint32_t TOVRIN_IPC_GET_LOG_CFG = 28;
 inline constexpr uint32_t TOVRIN_IPC_DUMP = 68;
 inline constexpr uint32_t TOVRIN_IPC_GET_DRAV = 120;
+// The counters: the bytes of tovrin_counters_t (core/counters.h), host order.
+// A code of its own, so no answer the daemon gave before changes.
+inline constexpr uint32_t TOVRIN_IPC_GET_STATS = 190;
 
 inline constexpr char TOVRIN_DUMP_FILE[] = "/tmp/tovrindumpfile";

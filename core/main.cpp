@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "core/log_rule.h"
+#include "core/signals.h"
 #include "core/startup.h"
 #include "link/send_queue.h"
 #include "platform/eloop.h"
@@ -41,6 +42,7 @@ int main(int argc, char **argv) {
     vk_log_conf_data[VK_LOG_W_ECHO] = 0;
     TOVRIN_LOG(TOVRIN_LOG_DBG, ">>>%s\n", "main");
     vk_eloop_init(nullptr);
+    tovrin_signals_init();
     tovrin_send_queue_configure(std::getenv("TOVRIN_SEND_QUEUE_MAX"));
     tovrin_init_struct();
     tovrin_vk_ipc_init();

@@ -6,6 +6,7 @@
 
 #include "core/ipc_cmds.h"
 #include "core/ipc_codes.h"
+#include "core/counters.h"
 #include "core/log_rule.h"
 #include "link/record.h"
 #include "platform/eloop.h"
@@ -16,6 +17,7 @@ tovrin_link_t tovrin_gbl;
 
 void tovrin_init_struct(void) {
     TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s\n", "tovrin_init_struct");
+    tovrin_counters_reset();
     tovrin_gbl.ka_rate = 0;
     tovrin_gbl.status_msg_id = 0;
     tovrin_gbl.sock = -1;
@@ -45,8 +47,10 @@ void tovrin_handle_vk_ipc(int sock, void * /*eloop_ctx*/, void * /*sock_ctx*/) {
     FD_ZERO(&set);
     FD_SET(sock, &set);
     uint8_t received = 0;
-    if (vk_ipc_recv_large(&set, &rec, &received) < 0)
+    if (vk_ipc_recv_large(&set, &rec, &received) < 0) {
+        tovrin_refused(TOVRIN_REFUSED_IPC_RECEIVE_ERROR);
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "vk_ipc_recv error %d\n", errno);
+    }
     if (received != 0) tovrin_proc_recv_ipc_msg(&rec);
 }
 

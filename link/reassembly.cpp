@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "core/counters.h"
 #include "core/log_rule.h"
 #include "link/protect.h"
 #include "platform/os.h"
@@ -22,6 +23,7 @@ int tovrin_recv_frag(tovrin_link_t *link, const tovrin_hdr_t *hdr, const uint8_t
         restart = true;  // a new message; one still being assembled is abandoned
     } else if (t != last_trans) {
         if (f != 0) {
+            tovrin_refused(TOVRIN_REFUSED_FRAGMENT_BEFORE_FIRST);
             TOVRIN_LOG(TOVRIN_LOG_NOTE,
                        "NOTE: <<<%s: Recv frag %d expecting 1st frag from Ctlr %u.%u.%u.%u Ctlr Trans %d\n", fn,
                        f, TOVRIN_IP_ARGS(link->drav_ip), t);
@@ -30,12 +32,14 @@ int tovrin_recv_frag(tovrin_link_t *link, const tovrin_hdr_t *hdr, const uint8_t
         restart = true;  // first fragment of a resent message not seen before
     } else if (c.rx_hdr.flags & TOVRIN_F_MORE_FRAGS) {
         if (f != static_cast<uint8_t>(last_frag + 1)) {
+            tovrin_refused(TOVRIN_REFUSED_FRAGMENT_OUT_OF_ORDER);
             TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: seq %d expected frag %d received %d from Ctlr %u.%u.%u.%u\n",
                        fn, t, last_frag + 1, f, TOVRIN_IP_ARGS(link->drav_ip));
             return -1;
         }
     } else {
         if ((F & TOVRIN_F_RETX) && f == 0 && (F & TOVRIN_F_ACK_REQ) && c.ack_hdr.ctlr_trans == t) {
+            tovrin_refused(TOVRIN_REFUSED_MESSAGE_REPEATED);
             tovrin_send_ack(link, TOVRIN_F_RETX);
             TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Rtransmint ACK %d flags 0x%02x to %u.%u.%u.%u\n", fn, t, F,
                        TOVRIN_IP_ARGS(link->drav_ip));
@@ -43,6 +47,7 @@ int tovrin_recv_frag(tovrin_link_t *link, const tovrin_hdr_t *hdr, const uint8_t
         }
         // No transaction is expected once a message is complete; the number at
         // hand is the next fragment of the last one, as in the line above.
+        tovrin_refused(TOVRIN_REFUSED_FRAGMENT_UNEXPECTED);
         TOVRIN_LOG(TOVRIN_LOG_NOTE,
                    "NOTE: <<%s: unexpected seq %d frag %d flags 0x%02x expected seq %d from ctlr %u.%u.%u.%u\n",
                    fn, t, f, F, last_frag + 1, TOVRIN_IP_ARGS(link->drav_ip));
@@ -51,6 +56,7 @@ int tovrin_recv_frag(tovrin_link_t *link, const tovrin_hdr_t *hdr, const uint8_t
 
     const int base = restart ? 0 : c.rx_len;
     if (base + len > static_cast<int>(TOVRIN_MAX_PAYLOAD)) {
+        tovrin_refused(TOVRIN_REFUSED_MESSAGE_TOO_BIG);
         TOVRIN_LOG(TOVRIN_LOG_NOTE,
                    "NOTE: <<%s: Packet too big Recv len %d data_len %d from  ctlr %u.%u.%u.%u AP Trans %d\n", fn,
                    base, len, TOVRIN_IP_ARGS(link->drav_ip), t);
@@ -81,8 +87,9 @@ void tovrin_send_ack(tovrin_link_t *link, uint8_t flags) {
     }
     uint8_t wire[TOVRIN_HDR_LEN];
     tovrin_hdr_encode(c.ack_hdr, wire);
-    vk_os_sendto(link->sock, wire, sizeof wire, MSG_DONTWAIT, reinterpret_cast<const sockaddr *>(&link->peer_addr),
-                 sizeof link->peer_addr);
+    if (vk_os_sendto(link->sock, wire, sizeof wire, MSG_DONTWAIT,
+                     reinterpret_cast<const sockaddr *>(&link->peer_addr), sizeof link->peer_addr) >= 0)
+        ++tovrin_counters.datagrams_out;
     TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s\n", fn);
 }
 
@@ -98,6 +105,7 @@ void tovrin_recv_data(tovrin_link_t *link) {
     // delivered. Acknowledging it would lose it.
     if ((c.rx_hdr.flags & TOVRIN_F_ACK_REQ) &&
         !tovrin_backlog_has_room(TOVRIN_APP_HDR_LEN + static_cast<std::size_t>(rx_len))) {
+        tovrin_refused(TOVRIN_REFUSED_ENDPOINTS_BUSY);
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Local endpoints busy, msg %d from %u.%u.%u.%u left to its retransmission\n",
                    fn, c.rx_hdr.ctlr_trans, TOVRIN_IP_ARGS(link->drav_ip));
         c.rx_len = 0;
@@ -107,13 +115,19 @@ void tovrin_recv_data(tovrin_link_t *link) {
     if (c.rx_hdr.flags & TOVRIN_F_ACK_REQ) tovrin_send_ack(link, 0);
 
     // Fewer than 4 bytes hold no length field: bytes of an earlier message would be read.
+    // Acknowledged from here on: a message refused below is one the controller
+    // will not send again, so it counts as dropped.
     if (rx_len < 4) {
+        tovrin_refused(TOVRIN_REFUSED_MESSAGE_TOO_SHORT);
+        ++tovrin_counters.down_messages_dropped;
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Recvd frag %d from AP(%p) %u.%u.%u.%u too short %d\n", fn,
                    c.rx_hdr.frag, static_cast<void *>(link), TOVRIN_IP_ARGS(link->drav_ip), rx_len);
         return;
     }
     const int hdr_len = tovrin_load16(c.rx_buf + TOVRIN_DOFF_LEN);
     if (rx_len != hdr_len) {
+        tovrin_refused(TOVRIN_REFUSED_MESSAGE_LENGTH_MISMATCH);
+        ++tovrin_counters.down_messages_dropped;
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Recvd frag %d from AP(%p) %u.%u.%u.%u but len do not match %d-%d\n",
                    fn, c.rx_hdr.frag, static_cast<void *>(link), TOVRIN_IP_ARGS(link->drav_ip), rx_len, hdr_len);
         return;
@@ -125,6 +139,8 @@ void tovrin_recv_data(tovrin_link_t *link) {
         static uint8_t plain[TOVRIN_MAX_PAYLOAD];
         const char *why = nullptr;
         if (!tovrin_open_payload(c.rx_buf, static_cast<std::size_t>(rx_len), plain, &n, &why)) {
+            tovrin_refused(why != nullptr ? TOVRIN_REFUSED_ENCRYPTED_MALFORMED : TOVRIN_REFUSED_BAD_DIGEST);
+            ++tovrin_counters.down_messages_dropped;
             if (why != nullptr)
                 TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Malformed encrypted msg %d (%s) from %u.%u.%u.%u\n", fn,
                            c.rx_hdr.ctlr_trans, why, TOVRIN_IP_ARGS(link->drav_ip));
@@ -136,6 +152,8 @@ void tovrin_recv_data(tovrin_link_t *link) {
         data = plain;
     } else if (type == TOVRIN_DATA_PLAIN) {
         if (rx_len < static_cast<int>(TOVRIN_PLAIN_HDR_LEN)) {
+            tovrin_refused(TOVRIN_REFUSED_PLAIN_TOO_SHORT);
+            ++tovrin_counters.down_messages_dropped;
             TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Malformed plain msg %d (shorter than its header) from %u.%u.%u.%u\n",
                        fn, c.rx_hdr.ctlr_trans, TOVRIN_IP_ARGS(link->drav_ip));
             return;
@@ -143,6 +161,8 @@ void tovrin_recv_data(tovrin_link_t *link) {
         data = c.rx_buf + TOVRIN_PLAIN_HDR_LEN;
         n = static_cast<std::size_t>(rx_len) - TOVRIN_PLAIN_HDR_LEN;
     } else {
+        tovrin_refused(TOVRIN_REFUSED_UNKNOWN_DATA_TYPE);
+        ++tovrin_counters.down_messages_dropped;
         TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Unsupported datatype %d Drop msg %d from %u.%u.%u.%u\n", fn, type,
                    c.rx_hdr.ctlr_trans, TOVRIN_IP_ARGS(link->drav_ip));
         return;

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "core/counters.h"
 #include "core/log_rule.h"
 #include "link/ctrl_dispatch.h"
 #include "link/reassembly.h"
@@ -23,33 +24,40 @@ void tovrin_recv_handler(int sock, void * /*eloop_ctx*/, void * /*sock_ctx*/) {
                    static_cast<int>(n), errno);
         return;
     }
+    ++tovrin_counters.datagrams_in;
     if (n < static_cast<ssize_t>(TOVRIN_HDR_LEN)) {
+        tovrin_refused(TOVRIN_REFUSED_SHORT_DATAGRAM);
         TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Not able to read %d even the hdr %d, recv %d.\n", fn, sock,
                    static_cast<int>(TOVRIN_HDR_LEN), static_cast<int>(n));
         return;
     }
     const tovrin_hdr_t hdr = tovrin_hdr_decode(std::span<const uint8_t, TOVRIN_HDR_LEN>(buf, TOVRIN_HDR_LEN));
     if (hdr.hdr_len < TOVRIN_HDR_LEN) {
+        tovrin_refused(TOVRIN_REFUSED_BAD_HEADER_LENGTH);
         TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Dropping data on %d with hdr_len %d.\n", fn, sock, hdr.hdr_len);
         return;
     }
     if (hdr.data_len == 0) TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: %s: Rcvd data on %d with len 0.\n", fn, sock);
     int avail = static_cast<int>(n) - hdr.hdr_len;
     if (avail < hdr.data_len) {
+        tovrin_refused(TOVRIN_REFUSED_TRUNCATED);
         TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Not able to recv on %d complete data length %d, %d.\n", fn,
                    sock, hdr.data_len, avail);
         return;
     }
     if (avail > hdr.data_len) {
+        tovrin_refused(TOVRIN_REFUSED_TRAILING_BYTES);
         TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: fd %d Probably trailing bits at the end %d.\n", fn, sock,
                    avail - hdr.data_len);
         return;
     }
     if (hdr.version != TOVRIN_VERSION) {
+        tovrin_refused(TOVRIN_REFUSED_BAD_VERSION);
         TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s:  fd %d Improper hdr version %d.\n", fn, sock, hdr.version);
         return;
     }
     if (hdr.magic != TOVRIN_MAGIC) {
+        tovrin_refused(TOVRIN_REFUSED_BAD_MAGIC);
         TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: fd %d Invalid magic number hdr version 0x%08x.\n", fn, sock,
                    hdr.magic);
         return;
@@ -65,6 +73,7 @@ void tovrin_recv_handler(int sock, void * /*eloop_ctx*/, void * /*sock_ctx*/) {
             tovrin_recv_ctrl(&hdr, payload, hdr.data_len);
             TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s Receiving Control Pkt\n", fn);
         } else {
+            tovrin_refused(TOVRIN_REFUSED_CONTROL_FROM_STRANGER);
             TOVRIN_LOG(TOVRIN_LOG_DBG,
                        "DBG: <<%s: Ctrl msg on %d from wrong DRAV/Mobility Ctrl %u.%u.%u.%u Real DRAV "
                        "%u.%u.%u.%u Real Mobility ctrl %u.%u.%u.%u\n",
@@ -73,6 +82,7 @@ void tovrin_recv_handler(int sock, void * /*eloop_ctx*/, void * /*sock_ctx*/) {
         return;
     }
     if (src != g.drav_ip) {
+        tovrin_refused(TOVRIN_REFUSED_DATA_FROM_STRANGER);
         TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Read on %d from wrong DRAV %u.%u.%u.%u Real DRAV %u.%u.%u.%u\n",
                    fn, sock, TOVRIN_IP_ARGS(src), TOVRIN_IP_ARGS(g.drav_ip));
         return;

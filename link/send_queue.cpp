@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/counters.h"
 #include "core/log_rule.h"
 #include "link/protect.h"
 #include "platform/eloop.h"
@@ -36,6 +37,7 @@ tovrin_msg_t *tovrin_new_send_msg(tovrin_link_t *link, const tovrin_app_msg_t *a
     TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s New msg to AP(%p) %u.%u.%u.%u\n", "tovrin_new_send_msg",
                static_cast<void *>(link), TOVRIN_IP_ARGS(link->drav_ip));
     if (link->comm.msg_cnt >= tovrin_send_queue_max) {
+        tovrin_refused(TOVRIN_REFUSED_APP_QUEUE_FULL);
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s Send queue full (%d messages) for msg to AP(%p)%u.%u.%u.%u\n",
                    "tovrin_new_send_msg", link->comm.msg_cnt, static_cast<void *>(link),
                    TOVRIN_IP_ARGS(link->drav_ip));
@@ -43,6 +45,7 @@ tovrin_msg_t *tovrin_new_send_msg(tovrin_link_t *link, const tovrin_app_msg_t *a
     }
     auto *msg = static_cast<tovrin_msg_t *>(std::malloc(sizeof(tovrin_msg_t)));
     if (msg == nullptr) {
+        tovrin_refused(TOVRIN_REFUSED_APP_NO_MEMORY);
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s Out of memory for msg to AP(%p)%u.%u.%u.%u\n",
                    "tovrin_new_send_msg", static_cast<void *>(link), TOVRIN_IP_ARGS(link->drav_ip));
         return nullptr;
@@ -56,6 +59,9 @@ tovrin_msg_t *tovrin_new_send_msg(tovrin_link_t *link, const tovrin_app_msg_t *a
     tovrin_prepare_data(msg->data, &msg->data_len, app, data);
 
     comm.msg_cnt += 1;
+    ++tovrin_counters.up_messages_accepted;
+    if (uint64_t(comm.msg_cnt) > tovrin_counters.send_queue_high_water)
+        tovrin_counters.send_queue_high_water = uint64_t(comm.msg_cnt);
     msg->next = nullptr;
     msg->prev = comm.tail;
     *comm.tail = msg;
@@ -107,6 +113,7 @@ void tovrin_tx_msg(tovrin_link_t *link, int retry) {
         bytes = scratch;
     }
 
+    if (retry != 0) ++tovrin_counters.retransmissions;
     uint8_t dgram[TOVRIN_MAX_DGRAM];
     std::size_t total = static_cast<std::size_t>(head->data_len);
     std::size_t off = 0;
@@ -123,8 +130,9 @@ void tovrin_tx_msg(tovrin_link_t *link, int retry) {
         head->hdr.data_len = static_cast<uint16_t>(size);
         tovrin_hdr_encode(head->hdr, std::span<uint8_t, TOVRIN_HDR_LEN>(dgram, TOVRIN_HDR_LEN));
         std::memcpy(dgram + TOVRIN_HDR_LEN, bytes + off, size);
-        vk_os_sendto(link->sock, dgram, TOVRIN_HDR_LEN + size, MSG_DONTWAIT,
-                     reinterpret_cast<const sockaddr *>(&link->peer_addr), sizeof link->peer_addr);
+        if (vk_os_sendto(link->sock, dgram, TOVRIN_HDR_LEN + size, MSG_DONTWAIT,
+                         reinterpret_cast<const sockaddr *>(&link->peer_addr), sizeof link->peer_addr) >= 0)
+            ++tovrin_counters.datagrams_out;
         off += size;
         ++n;
     } while (off < total);
@@ -154,6 +162,7 @@ void tovrin_recv_ack(tovrin_link_t *link, const tovrin_hdr_t *hdr) {
                TOVRIN_IP_ARGS(link->drav_ip), hdr->data_len);
     tovrin_comm_t &comm = link->comm;
     if (comm.ack_wait == 0 || comm.head == nullptr) {
+        tovrin_refused(TOVRIN_REFUSED_ACK_NOT_WAITING);
         TOVRIN_LOG(TOVRIN_LOG_NOTE,
                    "NOTE: <<%s: Ack rcvd not waiting data_len %d from AP(%p) %u.%u.%u.%u  AP Trans %d\n",
                    "tovrin_recv_ack", hdr->data_len, static_cast<void *>(link),
@@ -162,12 +171,14 @@ void tovrin_recv_ack(tovrin_link_t *link, const tovrin_hdr_t *hdr) {
     }
     tovrin_msg_t *head = comm.head;
     if (hdr->ap_trans != head->hdr.ap_trans) {
+        tovrin_refused(TOVRIN_REFUSED_ACK_UNEXPECTED);
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Unrequested ack %d expected %d from AP(%p) %u.%u.%u.%u\n",
                    "tovrin_recv_ack", hdr->ap_trans, head->hdr.ap_trans, static_cast<void *>(link),
                    TOVRIN_IP_ARGS(link->drav_ip));
         return;
     }
     tovrin_cancel_msg(link);
+    ++tovrin_counters.up_messages_acked;
     tovrin_handle_ack(link, head);
     tovrin_complete_send_msg(link, head);
     if (comm.head != nullptr) tovrin_tx_msg(link, 0);

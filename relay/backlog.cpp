@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "core/counters.h"
 #include "core/log_rule.h"
 #include "core/startup.h"
 #include "platform/eloop.h"
@@ -52,7 +53,8 @@ void arm() {
     b.armed = vk_eloop_register_timeout(0, TOVRIN_BACKLOG_RETRY_US, retry, nullptr, nullptr) == 0;
 }
 
-void drop_note(const vk_ipc_msg_t *m, const char *peer, const char *why) {
+void drop_note(const vk_ipc_msg_t *m, const char *peer, const char *why, tovrin_refusal_t reason) {
+    tovrin_counters_local_dropped(peer, m, reason, true);
     TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: %s: IPC msg type %u of %u bytes for %s dropped, %s\n", "tovrin_backlog",
                m->type, m->len, peer, why);
 }
@@ -79,7 +81,7 @@ void retry(void *, void *) {
         bool keep = false;
         std::memcpy(&msg, w.bytes.data(), w.bytes.size());
         if (listed(stuck, w.peer)) {
-            drop_note(&msg, w.peer, "endpoint busy for 2 s");
+            drop_note(&msg, w.peer, "endpoint busy for 2 s", TOVRIN_REFUSED_DELIVERY_ENDPOINT_STUCK);
         } else if (listed(full, w.peer)) {
             keep = true;
         } else {
@@ -89,12 +91,13 @@ void retry(void *, void *) {
             d.msg = &msg;
             std::memcpy(d.peer, w.peer, sizeof d.peer);
             if (send_now(&d) == 0) {
+                tovrin_counters_local_sent(&msg);
                 TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: %s: Sent waiting msg to %s after %u retries\n", "tovrin_backlog",
                            w.peer, w.tries + 1);
             } else if (!is_full(errno)) {
-                drop_note(&msg, w.peer, std::strerror(errno));
+                drop_note(&msg, w.peer, std::strerror(errno), TOVRIN_REFUSED_DELIVERY_FAILED);
             } else if (++w.tries >= TOVRIN_BACKLOG_MAX_TRIES) {
-                drop_note(&msg, w.peer, "endpoint busy for 2 s");
+                drop_note(&msg, w.peer, "endpoint busy for 2 s", TOVRIN_REFUSED_DELIVERY_ENDPOINT_STUCK);
                 stuck.emplace_back(w.peer);
             } else {
                 keep = true;
@@ -116,15 +119,24 @@ void retry(void *, void *) {
 int tovrin_ipc_deliver(const vk_ipc_send_desc_t *d) {
     backlog_t &b = backlog();
     if (!waits_for(d->peer)) {
-        if (send_now(d) == 0) return 0;
-        if (!is_full(errno)) return -1;
+        if (send_now(d) == 0) {
+            tovrin_counters_local_sent(d->msg);
+            return 0;
+        }
+        if (!is_full(errno)) {
+            const int err = errno;
+            tovrin_counters_local_dropped(d->peer, d->msg, TOVRIN_REFUSED_DELIVERY_FAILED, false);
+            errno = err;
+            return -1;
+        }
     } else if (d->msg->len > VK_IPC_PAYLOAD_MAX) {
+        tovrin_counters_local_dropped(d->peer, d->msg, TOVRIN_REFUSED_DELIVERY_FAILED, false);
         errno = EMSGSIZE;  // as the platform refuses it
         return -1;
     }
     const std::size_t n = VK_IPC_HDR_LEN + d->msg->len;
     if (!tovrin_backlog_has_room(d->msg->len)) {
-        drop_note(d->msg, d->peer, "too many waiting");
+        drop_note(d->msg, d->peer, "too many waiting", TOVRIN_REFUSED_DELIVERY_ROOM_FULL);
         errno = ENOBUFS;
         return -1;
     }
@@ -148,6 +160,12 @@ bool tovrin_backlog_has_room(std::size_t len) {
 }
 
 std::size_t tovrin_backlog_count() { return backlog().q.size(); }
+
+std::size_t tovrin_backlog_count_for(const char *peer) {
+    std::size_t n = 0;
+    for (const waiting_t &w : backlog().q) n += std::strncmp(w.peer, peer, VK_IPC_PATH_MAX) == 0;
+    return n;
+}
 
 void tovrin_backlog_clear() {
     backlog_t &b = backlog();

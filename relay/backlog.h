@@ -29,7 +29,8 @@ int tovrin_ipc_deliver(const vk_ipc_send_desc_t *d);
 // controller message that could not is left unacknowledged, so the
 // controller sends it again later: the only pace the link can put on it.
 bool tovrin_backlog_has_room(std::size_t len);
-// Messages waiting now.
+// Messages waiting now, in all and for the endpoint at peer.
 std::size_t tovrin_backlog_count();
+std::size_t tovrin_backlog_count_for(const char *peer);
 // Drops every waiting message and the retry timer, silently (restart, tests).
 void tovrin_backlog_clear();

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "core/counters.h"
 #include "core/log_rule.h"
 #include "core/startup.h"
 #include "relay/backlog.h"
@@ -16,11 +17,15 @@ void tovrin_send_app(int32_t e, const tovrin_app_msg_t *h, const uint8_t *data) 
     const tovrin_app_ep_t *ep = app_ep;
     while (ep->id != e && ep->id != -1) ++ep;
     if (ep->id == -1) {
+        tovrin_refused(TOVRIN_REFUSED_APP_UNKNOWN_ENDPOINT);
+        if (h->flags & TOVRIN_MSG_F_FROM_CTRL) ++tovrin_counters.down_messages_dropped;
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Msg flag 0x%08x from Unknown endpoint %d\n", fn, h->flags, e);
         return;
     }
     // Data from the controller may be longer than one IPC message can carry.
     if (data != nullptr && h->len > TOVRIN_APP_MAX_DATA) {
+        tovrin_refused(TOVRIN_REFUSED_APP_TOO_BIG_FOR_ENDPOINT);
+        if (h->flags & TOVRIN_MSG_F_FROM_CTRL) ++tovrin_counters.down_messages_dropped;
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Msg of %u data bytes for endpoint %d exceeds %u, dropped\n", fn,
                    h->len, e, static_cast<unsigned>(TOVRIN_APP_MAX_DATA));
         return;

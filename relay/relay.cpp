@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "core/counters.h"
 #include "core/log_rule.h"
 #include "link/protect.h"
 #include "link/send_queue.h"
@@ -27,6 +28,7 @@ void answer_failed(tovrin_app_msg_t *m) {
 void tovrin_proc_send_msg(const uint8_t *payload, uint32_t len) {
     static constexpr const char *fn = "tovrin_proc_send_msg";
     if (len < TOVRIN_APP_HDR_LEN) {
+        tovrin_refused(TOVRIN_REFUSED_APP_SHORTER_THAN_HEADER);
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Msg of %u bytes is shorter than its header\n", fn, len);
         return;
     }
@@ -36,12 +38,14 @@ void tovrin_proc_send_msg(const uint8_t *payload, uint32_t len) {
     TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s: to ep %d from %.*s len %d\n", fn, m.dst_ep, NAME(m),
                static_cast<int>(m.len));
     if (m.len != len - TOVRIN_APP_HDR_LEN || !tovrin_data_fits(m.len)) {
+        tovrin_refused(TOVRIN_REFUSED_APP_BAD_LENGTH);
         answer_failed(&m);
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Bad length from %.*s to %d: len %u, %u data bytes received\n",
                    fn, NAME(m), m.dst_ep, m.len, len - static_cast<uint32_t>(TOVRIN_APP_HDR_LEN));
         return;
     }
     if (tovrin_gbl.status == 0) {
+        tovrin_refused(TOVRIN_REFUSED_APP_LINK_DOWN);
         answer_failed(&m);
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: No Conn failed from %.*s to %d msg flags 0x%08x\n", fn, NAME(m),
                    m.dst_ep, m.flags);

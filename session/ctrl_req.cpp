@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "core/counters.h"
 #include "core/log_rule.h"
 #include "link/record.h"
 #include "platform/os.h"
@@ -41,7 +42,8 @@ bool tovrin_send_ctrl_req(const uint8_t *req, std::size_t n, const char *fn) {
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Failed to send, socket %d not open\n", fn, g.sock);
         return false;
     }
-    vk_os_sendto(g.sock, req, n, MSG_DONTWAIT, reinterpret_cast<const sockaddr *>(&g.peer_addr),
-                 sizeof g.peer_addr);
+    if (vk_os_sendto(g.sock, req, n, MSG_DONTWAIT, reinterpret_cast<const sockaddr *>(&g.peer_addr),
+                     sizeof g.peer_addr) >= 0)
+        ++tovrin_counters.datagrams_out;
     return true;
 }

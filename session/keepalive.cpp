@@ -3,6 +3,7 @@
 #include <cstring>
 #include <utility>
 
+#include "core/counters.h"
 #include "core/log_rule.h"
 #include "link/record.h"
 #include "platform/eloop.h"
@@ -29,6 +30,7 @@ void tovrin_send_keepalive(void * /*eloop_ctx*/, void * /*user_ctx*/) {
     tovrin_store32(req + TOVRIN_HDR_LEN + 32, g.ka_rate);
     if (!tovrin_send_ctrl_req(req, sizeof req, fn)) return;
     g.status_msg_id += 1;
+    ++tovrin_counters.keepalives_sent;
     g.ka_miss_cnt += 1;
     vk_eloop_register_timeout(0, g.ka_rate * 200u, tovrin_send_keepalive, nullptr, nullptr);
     TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s\n", fn);
@@ -37,6 +39,7 @@ void tovrin_send_keepalive(void * /*eloop_ctx*/, void * /*user_ctx*/) {
 void tovrin_keepalive(const uint8_t * /*pkt*/) {
     TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s<<: keep-alive resp recvd\n", "tovrin_keepalive");
     tovrin_gbl.ka_miss_cnt = 0;
+    ++tovrin_counters.keepalives_answered;
 }
 
 namespace {
@@ -49,6 +52,7 @@ void remove_rate(int32_t app) {
         TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: %s: Removed for appid %d\n", "tovrin_proc_karate", app);
         return;
     }
+    tovrin_refused(TOVRIN_REFUSED_IPC_NO_RATE_SET);
     TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: No rate set for appid %d\n", "tovrin_proc_karate", app);
 }
 
@@ -81,10 +85,12 @@ void tovrin_proc_karate(const uint8_t *payload) {
                static_cast<int>(rate));
     // -1 marks a free slot: an application of that id would corrupt the table.
     if (app == -1) {
+        tovrin_refused(TOVRIN_REFUSED_IPC_BAD_APP_ID);
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Invalid appid %d, ignored\n", fn, app);
         return;
     }
     if (rate != 0 && (rate < TOVRIN_KA_RATE_MIN || rate > TOVRIN_KA_RATE_MAX)) {
+        tovrin_refused(TOVRIN_REFUSED_IPC_BAD_RATE);
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Rate %u for appid %d outside %u..%u, ignored\n", fn, rate, app,
                    TOVRIN_KA_RATE_MIN, TOVRIN_KA_RATE_MAX);
         return;

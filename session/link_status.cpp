@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "core/counters.h"
 #include "core/log_rule.h"
 #include "link/send_queue.h"
 #include "platform/eloop.h"
@@ -19,12 +20,14 @@ void tovrin_status_down(tovrin_link_t *link) {
     tovrin_msg_t *next = nullptr;
     for (tovrin_msg_t *msg = link->comm.head; msg != nullptr; msg = next) {
         next = msg->next;
+        ++tovrin_counters.up_messages_failed;
         if (msg->hdr.flags & TOVRIN_F_ACK_REQ) tovrin_ap_msg_failed(link, msg);
         TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: %s: msg %d Failed to %u.%u.%u.%u\n", "tovrin_status_down",
                    msg->hdr.ap_trans, TOVRIN_IP_ARGS(link->drav_ip));
         tovrin_complete_send_msg(link, msg);
     }
     if (link->status == 1) {
+        tovrin_counters_link_change(false);
         vk_eloop_cancel_timeout(tovrin_send_keepalive, VK_ELOOP_ANY, VK_ELOOP_ANY);
         tovrin_send_registration(nullptr, nullptr);
     }

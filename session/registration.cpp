@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "core/counters.h"
 #include "core/log_rule.h"
 #include "link/record.h"
 #include "platform/eloop.h"
@@ -25,6 +26,7 @@ void tovrin_send_registration(void * /*eloop_ctx*/, void * /*user_ctx*/) {
     tovrin_store32(p + 96, g.ka_rate);
     tovrin_store32(p + 100, g.reg_extra);
     if (!tovrin_send_ctrl_req(req, sizeof req, fn)) return;
+    ++tovrin_counters.registrations_sent;
     int32_t next = g.reg_interval * 2;
     g.reg_interval = next <= TOVRIN_REG_INTERVAL_MAX ? next : TOVRIN_REG_INTERVAL_MAX;
     vk_eloop_register_timeout(0, static_cast<unsigned>(g.reg_interval) * 1000u, tovrin_send_registration,
@@ -37,11 +39,13 @@ void tovrin_register(const uint8_t * /*pkt*/) {
     tovrin_link_t &g = tovrin_gbl;
     TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s: Recv reg resp\n", fn);
     if (g.status != 0) {
+        tovrin_refused(TOVRIN_REFUSED_REGISTRATION_WHILE_UP);
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Ignoring a reg response since UP\n", fn);
         return;
     }
     vk_eloop_cancel_timeout(tovrin_send_registration, VK_ELOOP_ANY, VK_ELOOP_ANY);
     g.status = 1;
+    tovrin_counters_link_change(true);
     g.ka_miss_cnt = 0;
     tovrin_send_keepalive(nullptr, nullptr);
     tovrin_send_status(&g);

@@ -1,0 +1,326 @@
+// The counters: every refusal counts under its own reason and nowhere else,
+// and after traffic, loss and link flaps they account for every message.
+#include <csignal>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <sstream>
+
+#include "core/counters.h"
+#include "core/ipc_codes.h"
+#include "core/signals.h"
+#include "link/send_queue.h"
+#include "relay/backlog.h"
+#include "session/keepalive.h"
+#include "world.h"
+
+namespace {
+
+const std::vector<uint8_t> kKey = unhex("000102030405060708090a0b0c0d0e0f");
+
+class Counters : public World {
+protected:
+    void restart() {
+        TearDown();
+        SetUp();
+    }
+    static std::vector<uint8_t> good(uint8_t trans, int32_t dst = 101, uint8_t flags = 0x24) {
+        return frame(flags, 0, trans, 0, plain_payload(9, dst, {'h', 'i', '!'}));
+    }
+    static std::vector<uint8_t> pattern(std::size_t n) {
+        std::vector<uint8_t> v(n);
+        for (std::size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(i * 7 + 1);
+        return v;
+    }
+    void karate(int32_t app, uint32_t rate) {
+        std::vector<uint8_t> p(8);
+        std::memcpy(p.data(), &app, 4);
+        std::memcpy(p.data() + 4, &rate, 4);
+        notify(TOVRIN_IPC_KARATE, p);
+    }
+    // Endpoint 101 full, and as many of the controller's messages waiting for it as the room takes.
+    void fill_waiting_room() {
+        set_level(1);
+        sim::ipc_set_full("/vk/ipc/gelvar", true);
+        for (std::size_t i = 0; i < TOVRIN_BACKLOG_MAX_MSGS; ++i) from_ctrl(good(static_cast<uint8_t>(i)));
+        ASSERT_EQ(tovrin_backlog_count(), TOVRIN_BACKLOG_MAX_MSGS);
+        set_level(4);
+    }
+    // The counters as the stats request answers them.
+    tovrin_counters_t asked() {
+        sim::ipc_clear_sent();
+        request(TOVRIN_IPC_GET_STATS, {});
+        tovrin_counters_t c{};
+        const auto &sent = sim::ipc_sent();
+        EXPECT_EQ(sent.size(), 1u);
+        if (sent.size() != 1) return c;
+        EXPECT_EQ(sent[0].type, TOVRIN_IPC_GET_STATS);
+        EXPECT_EQ(sent[0].payload.size(), sizeof c);
+        if (sent[0].payload.size() == sizeof c) std::memcpy(&c, sent[0].payload.data(), sizeof c);
+        return c;
+    }
+};
+
+TEST_F(Counters, EveryRefusalCountsUnderItsOwnReasonOnly) {
+    struct Row {
+        tovrin_refusal_t reason;
+        std::function<void()> before, act;
+    };
+    auto nothing = [] {};
+    auto up = [this] { bring_up(); };
+    auto with = [](std::vector<uint8_t> d, std::initializer_list<std::pair<std::size_t, uint8_t>> edits) {
+        for (auto [at, v] : edits) d[at] = v;
+        return d;
+    };
+    auto with_len = [](std::vector<uint8_t> p, uint16_t len) {
+        tovrin_store16(&p[2], len);
+        return p;
+    };
+    const std::vector<uint8_t> g = good(0x11);
+    const auto three = fragments(plain_payload(9, 101, pattern(2488)), 0x12);
+    std::vector<uint8_t> enc = enc_payload(9, 101, {'s', 'e', 'c'}, kKey, std::vector<uint8_t>(16, 7));
+    ASSERT_FALSE(enc.empty());
+    enc[TOVRIN_DOFF_MD5] ^= 1;
+    std::vector<uint8_t> raw_enc(32, 0x44);
+    raw_enc[0] = '&';
+    tovrin_store16(&raw_enc[2], 32);
+    std::vector<uint8_t> typed = plain_payload(9, 101, {1, 2, 3});
+    typed[0] = 0x22;
+    const auto big = fragments(plain_payload(9, 101, pattern(TOVRIN_APP_MAX_DATA + 1)), 0x13);
+
+    const Row rows[] = {
+        {TOVRIN_REFUSED_SHORT_DATAGRAM, up, [&] { from_ctrl({g.begin(), g.begin() + 11}); }},
+        {TOVRIN_REFUSED_BAD_HEADER_LENGTH, up, [&] { from_ctrl(with(g, {{1, 11}})); }},
+        {TOVRIN_REFUSED_TRUNCATED, up, [&] { from_ctrl(with(g, {{3, 16}})); }},
+        {TOVRIN_REFUSED_TRAILING_BYTES, up, [&] { from_ctrl(with(g, {{3, 14}})); }},
+        {TOVRIN_REFUSED_BAD_VERSION, up, [&] { from_ctrl(with(g, {{0, 2}})); }},
+        {TOVRIN_REFUSED_BAD_MAGIC, up, [&] { from_ctrl(with(g, {{6, 0xbe}, {7, 0xef}})); }},
+        {TOVRIN_REFUSED_CONTROL_FROM_STRANGER, up, [&] { from_ctrl(ka_response(), kOther); }},
+        {TOVRIN_REFUSED_DATA_FROM_STRANGER, up, [&] { from_ctrl(g, kOther); }},
+        {TOVRIN_REFUSED_ACK_NOT_WAITING, up, [&] { from_ctrl(ack_for(1)); }},
+        {TOVRIN_REFUSED_ACK_UNEXPECTED, [&] { bring_up(); app_send(105, 102, 0, {1}); }, [&] { from_ctrl(ack_for(9)); }},
+        {TOVRIN_REFUSED_FRAGMENT_BEFORE_FIRST, up, [&] { from_ctrl(three[1]); }},
+        {TOVRIN_REFUSED_FRAGMENT_OUT_OF_ORDER, [&] { bring_up(); from_ctrl(three[0]); }, [&] { from_ctrl(three[2]); }},
+        {TOVRIN_REFUSED_MESSAGE_REPEATED, [&] { bring_up(); from_ctrl(g); }, [&] { from_ctrl(with(g, {{8, 0x26}})); }},
+        {TOVRIN_REFUSED_FRAGMENT_UNEXPECTED, [&] { bring_up(); from_ctrl(g); }, [&] { from_ctrl(with(g, {{8, 0x26}, {9, 1}})); }},
+        {TOVRIN_REFUSED_MESSAGE_TOO_BIG,
+         [&] {
+             bring_up();
+             for (uint8_t f = 0; f < 16; ++f) from_ctrl(frame(0x25, f, 0x14, 0, std::vector<uint8_t>(1024, 0x21)));
+         },
+         [&] { from_ctrl(frame(0x25, 16, 0x14, 0, {0x21})); }},
+        {TOVRIN_REFUSED_ENDPOINTS_BUSY, [&] { bring_up(); fill_waiting_room(); }, [&] { from_ctrl(good(0xf0)); }},
+        {TOVRIN_REFUSED_MESSAGE_TOO_SHORT, up, [&] { from_ctrl(frame(0x24, 0, 0x15, 0, {0x21, 0, 0})); }},
+        {TOVRIN_REFUSED_MESSAGE_LENGTH_MISMATCH, up,
+         [&] { from_ctrl(frame(0x24, 0, 0x15, 0, with_len(plain_payload(9, 101, pattern(86)), 100))); }},
+        {TOVRIN_REFUSED_ENCRYPTED_MALFORMED, [&] { bring_up(); set_key(kKey); }, [&] { from_ctrl(frame(0x24, 0, 0x15, 0, raw_enc)); }},
+        {TOVRIN_REFUSED_BAD_DIGEST, [&] { bring_up(); set_key(kKey); }, [&] { from_ctrl(frame(0x24, 0, 0x15, 0, enc)); }},
+        {TOVRIN_REFUSED_PLAIN_TOO_SHORT, up,
+         [&] { from_ctrl(frame(0x24, 0, 0x15, 0, with_len({0x21, 0, 0, 0, 0, 0, 0, 9}, 8))); }},
+        {TOVRIN_REFUSED_UNKNOWN_DATA_TYPE, up, [&] { from_ctrl(frame(0x24, 0, 0x15, 0, typed)); }},
+        {TOVRIN_REFUSED_CONTROL_NO_HEADER, up, [&] { from_ctrl(ctrl_packet(TOVRIN_CTRL_KEEPALIVE, 0, 3)); }},
+        {TOVRIN_REFUSED_CONTROL_BAD_LENGTH, up, [&] { from_ctrl(ka_response(TOVRIN_KA_LEN + 1)); }},
+        {TOVRIN_REFUSED_REGISTRATION_TOO_SHORT, up, [&] { from_ctrl(reg_response(TOVRIN_REG_LEN - 1)); }},
+        {TOVRIN_REFUSED_KEEPALIVE_TOO_SHORT, up, [&] { from_ctrl(ka_response(TOVRIN_KA_LEN - 1)); }},
+        {TOVRIN_REFUSED_DRAVIP_TOO_SHORT, up, [&] { from_ctrl(ctrl_packet(TOVRIN_CTRL_DRAVIP, 11, 11)); }},
+        {TOVRIN_REFUSED_CONTROL_UNKNOWN_TYPE, up, [&] { from_ctrl(ctrl_packet(0x21, 8, 8)); }},
+        {TOVRIN_REFUSED_REGISTRATION_WHILE_UP, up, [&] { from_ctrl(reg_response()); }},
+        {TOVRIN_REFUSED_DRAVIP_IGNORED, up, [&] { from_ctrl(ctrl_packet(TOVRIN_CTRL_DRAVIP, 12, 12)); }},
+        {TOVRIN_REFUSED_IPC_RECEIVE_ERROR, nothing, [&] { sim::ipc_inject_raw({1, 2, 3, 4, 5}); sim::settle(); }},
+        {TOVRIN_REFUSED_IPC_SHORT_PAYLOAD, nothing, [&] { notify(TOVRIN_IPC_KARATE, {1, 0, 0, 0}); }},
+        {TOVRIN_REFUSED_IPC_UNKNOWN_NOTIFICATION, nothing, [&] { notify(555, {}); }},
+        {TOVRIN_REFUSED_IPC_UNKNOWN_REQUEST, nothing, [&] { request(555, {}); }},
+        {TOVRIN_REFUSED_IPC_SEND_AS_REQUEST, nothing, [&] { request(TOVRIN_IPC_SEND_MSG, {}); }},
+        {TOVRIN_REFUSED_IPC_BAD_KEY, nothing, [&] { set_key(std::vector<uint8_t>(TOVRIN_KEY_MAX + 1, 1)); }},
+        {TOVRIN_REFUSED_IPC_BAD_APP_ID, nothing, [&] { karate(-1, 1000); }},
+        {TOVRIN_REFUSED_IPC_BAD_RATE, nothing, [&] { karate(5, TOVRIN_KA_RATE_MIN - 1); }},
+        {TOVRIN_REFUSED_IPC_NO_RATE_SET, nothing, [&] { karate(5, 0); }},
+        {TOVRIN_REFUSED_APP_SHORTER_THAN_HEADER, nothing, [&] { notify(TOVRIN_IPC_SEND_MSG, std::vector<uint8_t>(83)); }},
+        {TOVRIN_REFUSED_APP_BAD_LENGTH, up,
+         [&] {
+             tovrin_app_msg_t h{};
+             h.src_ep = 105;
+             h.dst_ep = 102;
+             h.len = 5;
+             app_send_hdr(h, {1, 2, 3});
+         }},
+        {TOVRIN_REFUSED_APP_LINK_DOWN, [&] { set_controller(); }, [&] { app_send(105, 102, 0, {1}); }},
+        {TOVRIN_REFUSED_APP_QUEUE_FULL,
+         [&] {
+             tovrin_send_queue_configure("1");
+             bring_up();
+             app_send(105, 102, 0, {1});
+         },
+         [&] { app_send(105, 102, 0, {2}); }},
+        {TOVRIN_REFUSED_APP_UNKNOWN_ENDPOINT, up, [&] { from_ctrl(good(0x16, 555)); }},
+        {TOVRIN_REFUSED_APP_TOO_BIG_FOR_ENDPOINT, up,
+         [&] {
+             for (const auto &f : big) from_ctrl(f);
+         }},
+        {TOVRIN_REFUSED_DELIVERY_FAILED, [&] { bring_up(); sim::ipc_set_missing("/vk/ipc/gelvar", true); },
+         [&] { from_ctrl(good(0x17)); }},
+        {TOVRIN_REFUSED_DELIVERY_ROOM_FULL, [&] { bring_up(); fill_waiting_room(); },
+         [&] { from_ctrl(good(0xf1, 101, 0x20)); }},  // no acknowledgement asked: not held back
+        {TOVRIN_REFUSED_DELIVERY_ENDPOINT_STUCK,
+         [&] {
+             bring_up();
+             sim::ipc_set_full("/vk/ipc/gelvar", true);
+             from_ctrl(good(0x18));
+             run_answering(1900 * kMs);
+         },
+         [&] { run_answering(200 * kMs); }},
+    };
+    std::vector<bool> seen(TOVRIN_REFUSAL_COUNT);
+    for (const Row &r : rows) {
+        SCOPED_TRACE(tovrin_refusal_names[r.reason]);
+        restart();
+        r.before();
+        const tovrin_counters_t was = tovrin_counters;
+        r.act();
+        const tovrin_counters_t now = tovrin_counters;
+        for (std::size_t i = 0; i < TOVRIN_REFUSAL_COUNT; ++i)
+            EXPECT_EQ(now.refused[i] - was.refused[i], i == r.reason ? 1u : 0u) << tovrin_refusal_names[i];
+        EXPECT_EQ(now.datagrams_refused - was.datagrams_refused, 1u);
+        seen[r.reason] = true;
+    }
+    // Allocation failure is the one reason not brought about here: malloc cannot fail on demand.
+    for (std::size_t i = 0; i < TOVRIN_REFUSAL_COUNT; ++i)
+        if (i != TOVRIN_REFUSED_APP_NO_MEMORY) {
+            EXPECT_TRUE(seen[i]) << "no row for " << tovrin_refusal_names[i];
+        }
+}
+
+// Uplink and downlink traffic with a lost transmission, a lost fragment, a
+// lost acknowledgement and a link loss: every message that did not get
+// through at the first try shows in a counter.
+TEST_F(Counters, ExplainEveryMessageNotDeliveredAtTheFirstTry) {
+    bring_up();
+    // Uplink: the first goes through; the second's first transmission is lost.
+    app_send(105, 102, TOVRIN_MSG_F_ACK_REQ, {1});
+    from_ctrl(ack_for(1));
+    app_send(105, 102, TOVRIN_MSG_F_ACK_REQ, {2});
+    run_answering(1100 * kMs);
+    EXPECT_EQ(tovrin_counters.retransmissions, 1u);
+    from_ctrl(ack_for(2));
+
+    // Downlink: one clean; one whose middle fragment is lost and which is then
+    // resent whole; one whose acknowledgement is lost, so it comes again.
+    from_ctrl(good(0x20));
+    const auto data = pattern(2488);
+    const auto first = fragments(plain_payload(9, 101, data), 0x21);
+    from_ctrl(first[0]);
+    from_ctrl(first[2]);
+    for (const auto &f : fragments(plain_payload(9, 101, data), 0x21, TOVRIN_F_RETX)) from_ctrl(f);
+    from_ctrl(good(0x22));
+    from_ctrl(good(0x22, 101, 0x26));
+
+    // The controller goes silent with a message queued: the link goes down,
+    // the message fails, and the link comes back.
+    app_send(105, 102, TOVRIN_MSG_F_ACK_REQ, {3});
+    sim::run_for(20 * kSec);
+    ASSERT_EQ(tovrin_gbl.status, 0);
+    from_ctrl(reg_response());
+    ASSERT_EQ(tovrin_gbl.status, 1);
+
+    const std::size_t to_101 = app_msgs_to("/vk/ipc/gelvar").size();
+    const tovrin_counters_t c = asked();
+    EXPECT_EQ(c.version, TOVRIN_STATS_VERSION);
+    EXPECT_EQ(c.size, sizeof c);
+    EXPECT_EQ(c.refusal_count, TOVRIN_REFUSAL_COUNT);
+    EXPECT_EQ(c.link_up, 1u);
+    EXPECT_EQ(c.controller, kCtrl);
+    EXPECT_EQ(c.link_ups, 2u);
+    EXPECT_EQ(c.link_downs, 1u);
+    EXPECT_EQ(c.seconds_in_state, 0u);
+
+    // Uplink: three taken, two acknowledged, one failed with the link.
+    EXPECT_EQ(c.up_messages_accepted, 3u);
+    EXPECT_EQ(c.up_messages_acked, 2u);
+    EXPECT_EQ(c.up_messages_failed, 1u);
+    EXPECT_EQ(c.send_queue_depth, 0u);
+    EXPECT_EQ(c.send_queue_high_water, 1u);
+    std::size_t resent = 0;
+    for (const auto &d : data_sent()) resent += (d.bytes[8] & TOVRIN_F_RETX) != 0;
+    EXPECT_EQ(c.retransmissions, resent);
+    EXPECT_GE(c.retransmissions, 1u + 1u) << "the lost one once, the failed one until the link went";
+
+    // Downlink: three delivered; the lost fragment shows as fragments out of
+    // order (the one after the gap, then the resent first), the lost
+    // acknowledgement as a repeated message.
+    EXPECT_EQ(c.down_messages_delivered, 3u);
+    EXPECT_EQ(to_101, 3u + 3u) << "three status reports besides";
+    EXPECT_EQ(c.down_messages_dropped, 0u);
+    EXPECT_EQ(c.refused[TOVRIN_REFUSED_FRAGMENT_OUT_OF_ORDER], 2u);
+    EXPECT_EQ(c.refused[TOVRIN_REFUSED_MESSAGE_REPEATED], 1u);
+    EXPECT_EQ(c.datagrams_refused, 3u);
+
+    // Control traffic, and every datagram out, as the controller saw them.
+    EXPECT_EQ(c.registrations_sent, times_of(TOVRIN_CTRL_REGISTER).size());
+    EXPECT_EQ(c.keepalives_sent, times_of(TOVRIN_CTRL_KEEPALIVE).size());
+    EXPECT_GE(c.keepalives_sent, c.keepalives_answered + 3) << "three unanswered took the link down";
+    EXPECT_GT(c.keepalives_answered, 0u);
+    EXPECT_EQ(c.datagrams_out, sent().size());
+    EXPECT_EQ(c.backlog_depth, 0u);
+
+    // Time in the state grows with the clock, from the last change.
+    sim::run_for(2 * kSec);
+    EXPECT_EQ(asked().seconds_in_state, 2u);
+}
+
+// Messages waiting for a busy endpoint show per endpoint, and so do those
+// given up; delivered counts what finally went out.
+TEST_F(Counters, WaitingRoomPerEndpoint) {
+    bring_up();
+    sim::ipc_set_full("/vk/ipc/hostun", true);
+    sim::ipc_set_full("/vk/ipc/gelvar", true);
+    from_ctrl(good(0x30, 102));
+    from_ctrl(good(0x31, 102));
+    from_ctrl(good(0x32, 101));
+    tovrin_counters_t c = asked();
+    EXPECT_EQ(c.backlog_depth, 3u);
+    EXPECT_EQ(c.backlog_depth_by_ep[0], 1u);  // 101, first in the endpoint table
+    EXPECT_EQ(c.backlog_depth_by_ep[1], 2u);  // 102
+    EXPECT_EQ(c.down_messages_delivered, 0u);
+
+    sim::ipc_set_full("/vk/ipc/gelvar", false);
+    run_answering(2500 * kMs);
+    c = asked();
+    EXPECT_EQ(c.backlog_depth, 0u);
+    EXPECT_EQ(c.down_messages_delivered, 1u);
+    EXPECT_EQ(c.down_messages_dropped, 2u);
+    EXPECT_EQ(c.backlog_dropped, 2u);
+    EXPECT_EQ(c.backlog_dropped_by_ep[1], 2u);
+    EXPECT_EQ(c.backlog_dropped_by_ep[0], 0u);
+    EXPECT_EQ(c.refused[TOVRIN_REFUSED_DELIVERY_ENDPOINT_STUCK], 2u);
+}
+
+// SIGUSR1 writes the counters as one INFO line; SIGHUP reopens the log file
+// after it was moved away; SIGUSR2 and SIGPIPE change nothing.
+TEST_F(Counters, SignalsFromAnOperator) {
+    ASSERT_EQ(tovrin_signals_init(), 0);
+    set_level(3);
+    bring_up();
+    notify(555, {});
+    sim::raise_signal(SIGUSR2);
+    sim::raise_signal(SIGPIPE);
+    sim::raise_signal(SIGUSR1);
+    sim::settle();
+    EXPECT_EQ(log_count("INFO: counters "), 1);
+    EXPECT_TRUE(logged("INFO: counters link_up=1 seconds_in_state=0 link_ups=1 link_downs=0 registrations_sent=1 "
+                       "keepalives_sent=1 keepalives_answered=0 datagrams_in=1 datagrams_out=2 datagrams_refused=1 "))
+        << log_text();
+    EXPECT_TRUE(logged(" ipc_unknown_notification=1\n")) << "reasons that are not zero end the line";
+    EXPECT_EQ(tovrin_gbl.status, 1);
+
+    const std::string moved = log_dir_ + "/moved";
+    ASSERT_EQ(std::rename((log_dir_ + "/tovrin.log").c_str(), moved.c_str()), 0);
+    sim::raise_signal(SIGHUP);
+    sim::settle();
+    EXPECT_EQ(log_text(), strf(":%ld:0: INFO: tovrin_signals: log reopened on SIGHUP\n", 1700000000L));
+    std::ifstream old(moved);
+    std::stringstream ss;
+    ss << old.rdbuf();
+    EXPECT_NE(ss.str().find("INFO: counters"), std::string::npos) << "the old file keeps its lines";
+}
+
+}  // namespace
