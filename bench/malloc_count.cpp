@@ -1,4 +1,5 @@
-// LD_PRELOAD shim counting heap calls of a process. Each SIGUSR1 appends one
+// LD_PRELOAD shim counting heap calls of a process. Each SIGRTMIN+2 appends one
+// (the daemon keeps SIGUSR1 and SIGUSR2 for itself)
 // line "malloc=.. calloc=.. realloc=.. free=.. bytes=.." (totals since start)
 // to $BENCH_MALLOC_OUT, and so does the exit, so a run is measured as the
 // difference of two lines.
@@ -42,7 +43,7 @@ __attribute__((constructor)) void install() {
     sa.sa_handler = on_usr1;
     sigemptyset(&sa.sa_mask);
     sa.sa_flags = SA_RESTART;
-    sigaction(SIGUSR1, &sa, nullptr);
+    sigaction(SIGRTMIN + 2, &sa, nullptr);
 }
 }  // namespace
 

@@ -265,7 +265,7 @@ for lvl in (1, 4):
 
 w("## Heap calls per message (log level 1)\n")
 w("The daemon runs with a small `LD_PRELOAD` counter of malloc/calloc/realloc/free "
-  "(`bench/malloc_count.cpp`); SIGUSR1 makes it write its totals, taken before and after "
+  "(`bench/malloc_count.cpp`); SIGRTMIN+2 makes it write its totals, taken before and after "
   "each batch. Chosen over memcheck/dhat because it counts exactly the calls, costs nothing "
   "measurable and runs at full speed over thousands of messages.\n")
 w("| mode | direction | messages | heap calls | frees | per message | target |")
