@@ -67,6 +67,10 @@ TEST(TovrinctlArgs, RefusesMalformedCommandLinesWithAReason)
         {{"send", "5", "--id", "-1", "x"}, "--id"},
         {{"send", "5", "--ack=1", "x"}, "takes no value"},
         {{"status", "--ack"}, "does not apply to 'status'"},
+        {{"status", "--prometheus"}, "does not apply to 'status'"},
+        {{"dump", "--json"}, "does not apply to 'dump'"},
+        {{"stats", "now"}, "too many operands"},
+        {{"stats", "--json=1"}, "takes no value"},
         {{"status", "--count", "2"}, "does not apply to 'status'"},
         {{"--count", "3", "listen", "101"}, "before the command"},
         {{"status", "--timeout"}, "needs a value"},
@@ -117,6 +121,18 @@ TEST(TovrinctlArgs, AcceptsEachCommandWithItsOperands)
              EXPECT_EQ(o.timeout_ms, 750u);
          }},
         {{"log", "get"}, [](const options_t &o) { EXPECT_EQ(o.cmd, command_t::log_get); }},
+        {{"status", "--json"},
+         [](const options_t &o) {
+             EXPECT_EQ(o.cmd, command_t::status);
+             EXPECT_EQ(o.format, format_t::json);
+         }},
+        {{"stats"},
+         [](const options_t &o) {
+             EXPECT_EQ(o.cmd, command_t::stats);
+             EXPECT_EQ(o.format, format_t::text);
+         }},
+        {{"stats", "--json"}, [](const options_t &o) { EXPECT_EQ(o.format, format_t::json); }},
+        {{"stats", "--prometheus"}, [](const options_t &o) { EXPECT_EQ(o.format, format_t::prometheus); }},
         {{"log", "set", "level", "-2", "max", "0x800"},
          [](const options_t &o) {
              EXPECT_EQ(o.cmd, command_t::log_set);

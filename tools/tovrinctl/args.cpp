@@ -15,7 +15,10 @@ constexpr std::string_view USAGE =
     "Usage: tovrinctl [--timeout MS] [--path PATH] COMMAND [ARGS]\n"
     "\n"
     "Commands:\n"
-    "  status                    print the controller address and the link state\n"
+    "  status [--json]           print the controller address and the link state\n"
+    "  stats [--json | --prometheus]\n"
+    "                            print the daemon's counters: a table, one JSON object,\n"
+    "                            or the Prometheus text format (metrics tovrin_*)\n"
     "  log get                   print the log configuration\n"
     "  log set [level N] [echo 0|1] [max BYTES]\n"
     "                            change the given words of the log configuration\n"
@@ -118,6 +121,14 @@ bool take_option(parse_result_t &r, std::string_view cmd, std::string_view opt,
         o.id = *v;
         return true;
     }
+    if (opt == "--json" && (cmd == "status" || cmd == "stats")) {
+        o.format = format_t::json;
+        return true;
+    }
+    if (opt == "--prometheus" && cmd == "stats") {
+        o.format = format_t::prometheus;
+        return true;
+    }
     if (opt == "--ack" && send) {
         o.ack = true;
         return true;
@@ -181,6 +192,10 @@ bool take_operands(parse_result_t &r, const words_t &w)
 {
     options_t &o = r.opts;
     const std::string_view cmd = w[0];
+    if (cmd == "stats") {
+        o.cmd = command_t::stats;
+        return want_count(r, w, 1, cmd);
+    }
     if (cmd == "status" || cmd == "dump") {
         o.cmd = cmd == "status" ? command_t::status : command_t::dump;
         return want_count(r, w, 1, cmd);

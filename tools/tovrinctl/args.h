@@ -12,7 +12,11 @@
 namespace tovrinctl {
 
 enum class command_t { status, log_get, log_set, dump, key, encrypt, notify, request,
-                       controller, karate, listen, send };
+                       controller, karate, listen, send, stats };
+
+// How status and stats print: for people, one JSON object, or the Prometheus
+// text exposition.
+enum class format_t { text, json, prometheus };
 
 inline constexpr uint32_t DEFAULT_TIMEOUT_MS = 2000;
 inline constexpr int32_t DEFAULT_FROM_EP = 101;
@@ -23,6 +27,8 @@ struct options_t {
     uint32_t timeout_ms = DEFAULT_TIMEOUT_MS;  // requests and answers
     std::string path = "/vk/ipc/tovrin";       // daemon endpoint
     std::vector<std::string> warnings;         // printed to stderr, the command still runs
+
+    format_t format = format_t::text;  // status (text, json), stats
 
     uint32_t code = 0;               // notify, request
     std::vector<uint8_t> bytes;      // key bytes; notify/request payload

@@ -14,6 +14,7 @@
 #include "tools/tovrinctl/encode.h"
 #include "tools/tovrinctl/endpoints.h"
 #include "tools/tovrinctl/ipc_io.h"
+#include "tools/tovrinctl/stats_format.h"
 
 namespace tovrinctl {
 
@@ -126,6 +127,7 @@ int run_request(const options_t &o)
     if (!open_endpoint(ep, temp_path()))
         return 1;
     const uint32_t code = o.cmd == command_t::status  ? TOVRIN_IPC_GET_DRAV
+                          : o.cmd == command_t::stats ? TOVRIN_IPC_GET_STATS
                           : o.cmd == command_t::dump  ? TOVRIN_IPC_DUMP
                           : o.cmd == command_t::request ? o.code
                                                         : TOVRIN_IPC_GET_LOG_CFG;
@@ -140,8 +142,22 @@ int run_request(const options_t &o)
     }
     if (o.cmd == command_t::dump)
         return 0;
+    if (o.cmd == command_t::stats) {
+        std::string why;
+        const auto c = decode_stats(got, why);
+        if (!c) {
+            report(why);
+            return 1;
+        }
+        std::fputs((o.format == format_t::json         ? format_stats_json(*c)
+                    : o.format == format_t::prometheus ? format_stats_prometheus(*c)
+                                                       : format_stats_text(*c))
+                       .c_str(),
+                   stdout);
+        return 0;
+    }
     if (o.cmd == command_t::status) {
-        auto line = format_status(got);
+        auto line = o.format == format_t::json ? format_status_json(got) : format_status(got);
         if (!line) {
             report("short answer to request 120: " + std::to_string(got.size()) + " bytes");
             return 1;
@@ -281,6 +297,7 @@ int run_command(const options_t &o)
     case command_t::log_get:
     case command_t::log_set:
     case command_t::dump:
+    case command_t::stats:
     case command_t::request:
         return run_request(o);
     case command_t::key:
