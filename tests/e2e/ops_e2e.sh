@@ -33,11 +33,13 @@ ctl notify 16
 kill -TERM "$TOVRIN_PID"
 wait "$TOVRIN_PID"
 cp "$LOG" "$WORK/run1.log"
+rm -f "$VK_IPC_ROOT/vk/ipc/tovrin"  # the dead daemon's socket file: wait for the new one's
 start_daemon || exit 1
 check_eq "the previous run's log is tovrin.log.1 after a restart" "$(md5sum <"$LOG.1")" "$(md5sum <"$WORK/run1.log")"
 check "the new run's log starts afresh" bash -c "! grep -q 'System Ready' '$LOG'"
 kill -TERM "$TOVRIN_PID"
 wait "$TOVRIN_PID"
+rm -f "$VK_IPC_ROOT/vk/ipc/tovrin"
 
 # The counters after real traffic both ways.
 link_up || { fail "link comes up"; e2e_done; exit 1; }
