@@ -31,12 +31,15 @@ int tovrin_recv_frag(tovrin_link_t *link, const tovrin_hdr_t *hdr, const uint8_t
         }
         restart = true;  // first fragment of a resent message not seen before
     } else if (c.rx_hdr.flags & TOVRIN_F_MORE_FRAGS) {
-        if (f != static_cast<uint8_t>(last_frag + 1)) {
+        // After fragment 255 no number follows: 0 would be taken for a new start.
+        if (last_frag == UINT8_MAX || f != last_frag + 1) {
             tovrin_refused(TOVRIN_REFUSED_FRAGMENT_OUT_OF_ORDER);
             TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: seq %d expected frag %d received %d from Ctlr %u.%u.%u.%u\n",
                        fn, t, last_frag + 1, f, TOVRIN_IP_ARGS(link->drav_ip));
             return -1;
         }
+    } else if (c.rx_withheld && f == 0) {
+        restart = true;  // the resend of a message left unacknowledged: taken anew
     } else {
         if ((F & TOVRIN_F_RETX) && f == 0 && (F & TOVRIN_F_ACK_REQ) && c.ack_hdr.ctlr_trans == t) {
             tovrin_refused(TOVRIN_REFUSED_MESSAGE_REPEATED);
@@ -64,6 +67,7 @@ int tovrin_recv_frag(tovrin_link_t *link, const tovrin_hdr_t *hdr, const uint8_t
     }
     c.rx_len = base;
     c.rx_hdr = *hdr;
+    c.rx_withheld = 0;
     std::memcpy(c.rx_buf + c.rx_len, payload, static_cast<std::size_t>(len));
     c.rx_len += len;
     TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Process msg %d from %u.%u.%u.%u\n", fn, t,
@@ -100,16 +104,17 @@ void tovrin_recv_data(tovrin_link_t *link) {
     TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s Received Data from AP(%p) %u.%u.%u.%u - len %d\n", fn,
                static_cast<void *>(link), TOVRIN_IP_ARGS(link->drav_ip), rx_len);
     // Local endpoints so far behind that this message might not even wait
-    // for them: it is not acknowledged, and forgotten so that the controller's
+    // for them: it is not acknowledged, and marked so that the controller's
     // retransmission is taken as new rather than as a repeat of a message
-    // delivered. Acknowledging it would lose it.
+    // delivered. Acknowledging it would lose it. rx_hdr stays as it is: it
+    // goes out in every data datagram and must be a header that arrived.
     if ((c.rx_hdr.flags & TOVRIN_F_ACK_REQ) &&
         !tovrin_backlog_has_room(TOVRIN_APP_HDR_LEN + static_cast<std::size_t>(rx_len))) {
         tovrin_refused(TOVRIN_REFUSED_ENDPOINTS_BUSY);
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Local endpoints busy, msg %d from %u.%u.%u.%u left to its retransmission\n",
                    fn, c.rx_hdr.ctlr_trans, TOVRIN_IP_ARGS(link->drav_ip));
         c.rx_len = 0;
-        c.rx_hdr.ctlr_trans = static_cast<uint8_t>(~c.rx_hdr.ctlr_trans);
+        c.rx_withheld = 1;
         return;
     }
     if (c.rx_hdr.flags & TOVRIN_F_ACK_REQ) tovrin_send_ack(link, 0);

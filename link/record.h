@@ -35,6 +35,7 @@ struct tovrin_comm_t {
     int32_t msg_cnt;
     tovrin_hdr_t ack_hdr;                // acknowledgement template
     int32_t ack_wait;                    // 1 while the head's retry timer is armed
+    int32_t rx_withheld;                 // 1: rx_hdr's message was complete but not acknowledged
 };
 
 struct tovrin_link_t {

@@ -57,12 +57,16 @@ int tovrin_client_comm_init(tovrin_link_t *link) {
     std::memset(c.rx_buf, 0, sizeof c.rx_buf);
     c.ack_hdr = tovrin_hdr_make(TOVRIN_F_ACK);
     c.ack_wait = 0;
+    c.rx_withheld = 0;
     c.rx_len = 0;
     c.tx_seq = 0;
     c.msg_cnt = 0;
     // The queue is empty here: every close of an open socket has failed and freed it.
     c.head = nullptr;
     c.tail = &c.head;
+    // A set-up while registering replaces that registration: one chain at a
+    // time, or each new controller address would add another.
+    vk_eloop_cancel_timeout(tovrin_send_registration, VK_ELOOP_ANY, VK_ELOOP_ANY);
     tovrin_send_registration(nullptr, nullptr);
     TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s<<: Comm Client init idx AP(%p) %u.%u.%u.%u\n",
                "tovrin_client_comm_init", static_cast<void *>(link), TOVRIN_IP_ARGS(link->drav_ip));

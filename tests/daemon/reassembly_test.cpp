@@ -354,4 +354,21 @@ TEST_F(Reassembly, OnlyTheLastFragmentDecidesWhetherTheMessageIsAcknowledged) {
     }
 }
 
+TEST_F(Reassembly, NoFragmentNumberFollowsTwoHundredFiftyFive) {
+    // 256 one-byte fragments would make fragment 255 carry MORE_FRAGS; the
+    // next one, numbered 0 after a wrap, must not continue the message.
+    const uint8_t trans = 0x30;
+    for (int f = 0; f <= 255; ++f)
+        from_ctrl(frame(0x25, static_cast<uint8_t>(f), trans, 0, {static_cast<uint8_t>(f)}));
+    ASSERT_EQ(tovrin_gbl.comm.rx_hdr.frag, 255);
+    const auto before = link_bytes();
+    const std::size_t mark = log_mark();
+    from_ctrl(frame(0x24 | 0x02, 0, trans, 0, {0}));
+    EXPECT_TRUE(link_bytes() == before);
+    EXPECT_NE(log_since(mark).find("NOTE: <<tovrin_recv_frag: seq 48 expected frag 256 received 0"), std::string::npos)
+        << log_since(mark);
+    EXPECT_TRUE(sent().empty());
+    EXPECT_TRUE(app_msgs().empty());
+}
+
 }  // namespace

@@ -120,21 +120,32 @@ TEST_F(Registration, RestartAfterKeepaliveLossUsesSixteenSeconds) {
     EXPECT_EQ(tovrin_gbl.status, 0);
 }
 
-TEST_F(Registration, SecondControllerAddressLeavesTwoTimersSideBySide) {
+TEST_F(Registration, EachControllerAddressReplacesTheRegistrationChain) {
     set_controller();
     sim::run_for(2 * kSec);  // requests at 0, 1; next due at 3 s
-    set_controller(kOther);  // at 2 s: set-up restarts the interval at 500: next at 3 s
+    set_controller(kOther);  // at 2 s: a new chain from 500 ms, the old one gone
     sim::run_for(20 * kSec - sim::now_us());
-    // The old timer goes on beside the new one, both at 3 s; each doubles the
-    // shared interval: 3 -> 5 and 3 -> 7, then 5 -> 13, 7 -> 23.
-    std::vector<uint64_t> t = times_of(TOVRIN_CTRL_REGISTER);
-    EXPECT_EQ(t, secs({0, 1, 2, 3, 3, 5, 7, 13}));
-    EXPECT_EQ(sim::pending_timeouts(tovrin_send_registration), 2u);
-    // The requests after the switch all go to the new address.
+    EXPECT_EQ(times_of(TOVRIN_CTRL_REGISTER), secs({0, 1, 2, 3, 5, 9, 17}));
+    EXPECT_EQ(sim::pending_timeouts(tovrin_send_registration), 1u);
     for (const auto &d : sent_with_payload_type(TOVRIN_CTRL_REGISTER))
         if (d.at_us >= 2 * kSec) {
             EXPECT_EQ(d.ip, kOther);
         }
     from_ctrl(reg_response(), kOther);
     EXPECT_EQ(sim::pending_timeouts(tovrin_send_registration), 0u);
+}
+
+TEST_F(Registration, FiveAddressesInARowLeaveOneChain) {
+    // A controller that never answers, its address given five times a second apart.
+    for (int i = 0; i < 5; ++i) {
+        set_controller();
+        sim::run_for(kSec / 10);
+    }
+    const uint64_t last = sim::now_us() - kSec / 10;
+    sim::run_for(last + 7600 * kSec / 1000 - sim::now_us());
+    std::vector<uint64_t> after;
+    for (uint64_t t : times_of(TOVRIN_CTRL_REGISTER))
+        if (t >= last) after.push_back(t - last);
+    EXPECT_EQ(after, secs({0, 1, 3, 7}));
+    EXPECT_EQ(sim::pending_timeouts(tovrin_send_registration), 1u);
 }
