@@ -1,6 +1,7 @@
 #pragma once
-// Event loop service: read sockets and one-shot timeouts, one thread.
-// Equal expiry times run in the order they were registered. Handlers may
+// Event loop service: read and write sockets and one-shot timeouts, one thread.
+// Equal expiry times run in the order they were registered. Timeouts due at
+// an instant run before the sockets ready at that instant. Handlers may
 // register or cancel sockets and timeouts, themselves included.
 
 typedef void (*vk_eloop_sock_handler)(int sock, void *eloop_ctx, void *sock_ctx);
@@ -16,6 +17,11 @@ int vk_eloop_init(void *user_data);
 int vk_eloop_register_read_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
                                 void *sock_ctx);
 void vk_eloop_unregister_read_sock(int sock);
+// Calls handler(sock, eloop_ctx, sock_ctx) each time sock is writable, until it
+// is unregistered: register only while something waits for room. 0 or -1.
+int vk_eloop_register_write_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
+                                 void *sock_ctx);
+void vk_eloop_unregister_write_sock(int sock);
 // One-shot: handler(eloop_ctx, user_ctx) once, secs + usecs from now. 0 or -1.
 int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs,
                               vk_eloop_timeout_handler handler, void *eloop_ctx, void *user_ctx);

@@ -61,8 +61,16 @@ void vk_ipc_close(vk_ipc_handle_t *h);
 int vk_ipc_recv_large(fd_set *set, vk_ipc_recv_desc_t *rec, uint8_t *received);
 // Non-blocking sends to peer; a missing or full peer gives -1 with errno.
 // msg->len over VK_IPC_PAYLOAD_MAX gives -1 with EMSGSIZE.
+// vk_ipc_send_large sends from a socket of the handle's own for that peer
+// alone, so what waits in one receiver's queue never uses up the budget of
+// sends to another; vk_ipc_resp_large from the handle's endpoint socket.
+// Either way the receiver sees the handle's path as the sender.
 int vk_ipc_send_large(vk_ipc_send_desc_t *d);
 int vk_ipc_resp_large(vk_ipc_send_desc_t *d);
+// The descriptor vk_ipc_send_large uses for peer (made, and connected, on
+// first use; the handle owns it and closes it with itself): once it is
+// writable a send refused with EAGAIN may succeed. -1 with errno.
+int vk_ipc_send_sock(vk_ipc_handle_t *h, const char (&peer)[VK_IPC_PATH_MAX]);
 
 // Shared by every implementation: checks a received datagram of n bytes held in
 // msg. Returns 0 when it is a whole envelope, else the errno to refuse it with.

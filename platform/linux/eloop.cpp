@@ -29,12 +29,17 @@ struct Timeout {
     void *user_ctx;
 };
 
-struct ReadSock {
-    int sock;
-    uint32_t gen;  // tells a registration apart from an earlier one of the same fd
-    vk_eloop_sock_handler handler;
+struct Watch {
+    vk_eloop_sock_handler handler;  // null: not watched this way
     void *eloop_ctx;
     void *sock_ctx;
+};
+
+// One entry per descriptor, for reading, writing or both.
+struct Sock {
+    int sock;
+    uint32_t gen;  // tells a registration apart from an earlier one of the same fd
+    Watch read, write;
 };
 
 constexpr uint64_t NS_PER_S = 1000000000;
@@ -65,7 +70,7 @@ uint32_t next_gen = 0;
 // Latest expiry first, so the next one due sits at the back and firing it is a
 // pop_back; among equal expiries the earliest registered is nearest the back.
 std::vector<Timeout> timeouts;
-std::vector<ReadSock> socks;
+std::vector<Sock> socks;
 vk_eloop_clock_fn clock_fn = nullptr;
 
 uint64_t monotonic_ns() {
@@ -76,10 +81,52 @@ uint64_t monotonic_ns() {
 
 uint64_t now_ns() { return clock_fn ? clock_fn() : monotonic_ns(); }
 
-uint64_t sock_tag(const ReadSock &r) { return (uint64_t(r.gen) << 32) | uint32_t(r.sock); }
+uint64_t sock_tag(const Sock &r) { return (uint64_t(r.gen) << 32) | uint32_t(r.sock); }
 
-std::vector<ReadSock>::iterator find_sock(int sock) {
-    return std::find_if(socks.begin(), socks.end(), [sock](const ReadSock &r) { return r.sock == sock; });
+std::vector<Sock>::iterator find_sock(int sock) {
+    return std::find_if(socks.begin(), socks.end(), [sock](const Sock &r) { return r.sock == sock; });
+}
+
+uint32_t events_of(const Sock &r) { return (r.read.handler ? EPOLLIN : 0u) | (r.write.handler ? EPOLLOUT : 0u); }
+
+// Installs a new watch of sock (which of the two: the member w), or removes it
+// when its handler is null, and tells epoll. 0, or -1 with errno.
+int set_watch(int sock, Watch Sock::*w, const Watch &watch) {
+    auto it = find_sock(sock);
+    if (it == socks.end()) {
+        if (!watch.handler) return 0;
+        Sock r{sock, 0, {}, {}};
+        try {
+            socks.push_back(r);
+        } catch (const std::bad_alloc &) {
+            errno = ENOMEM;
+            return -1;
+        }
+        it = socks.end() - 1;
+    }
+    const Sock old = *it;
+    Sock r = old;
+    r.*w = watch;
+    r.gen = ++next_gen;
+    epoll_event ev{};
+    ev.events = events_of(r);
+    ev.data.u64 = sock_tag(r);
+    const bool was = events_of(old) != 0;
+    if (ev.events == 0) {
+        socks.erase(it);
+        // Fails harmlessly when the socket was already closed.
+        epoll_ctl(epfd, EPOLL_CTL_DEL, sock, nullptr);
+        return 0;
+    }
+    // The fd may have been closed and reused since: then it is new to epoll.
+    if (!was || epoll_ctl(epfd, EPOLL_CTL_MOD, sock, &ev) != 0) {
+        if ((was && errno != ENOENT) || epoll_ctl(epfd, EPOLL_CTL_ADD, sock, &ev) != 0) {
+            if (!was) socks.erase(it);
+            return -1;
+        }
+    }
+    *it = r;
+    return 0;
 }
 
 // All the handler does; the loop sees the pipe readable and stops.
@@ -169,11 +216,16 @@ void dispatch(const epoll_event &ev) {
     }
     const int fd = int(uint32_t(ev.data.u64));
     const uint32_t gen = uint32_t(ev.data.u64 >> 32);
-    auto it = find_sock(fd);
-    // Unregistered or replaced by a handler that ran earlier in this round.
-    if (it == socks.end() || it->gen != gen) return;
-    const ReadSock r = *it;
-    r.handler(r.sock, r.eloop_ctx, r.sock_ctx);
+    // An error or hang-up wakes whichever watch there is, whose call then sees it.
+    const bool err = ev.events & (EPOLLERR | EPOLLHUP);
+    for (Watch Sock::*w : {&Sock::read, &Sock::write}) {
+        auto it = find_sock(fd);
+        // Unregistered or replaced by a handler that ran earlier in this round.
+        if (it == socks.end() || it->gen != gen || terminating) return;
+        const uint32_t want = w == &Sock::read ? EPOLLIN : EPOLLOUT;
+        const Watch watch = (*it).*w;
+        if (watch.handler && ((ev.events & want) || err)) watch.handler(fd, watch.eloop_ctx, watch.sock_ctx);
+    }
 }
 
 }  // namespace
@@ -230,39 +282,21 @@ int vk_eloop_register_read_sock(int sock, vk_eloop_sock_handler handler, void *e
         errno = EINVAL;
         return -1;
     }
-    const ReadSock r{sock, ++next_gen, handler, eloop_ctx, sock_ctx};
-    epoll_event ev{};
-    ev.events = EPOLLIN;
-    ev.data.u64 = sock_tag(r);
-    auto it = find_sock(sock);
-    if (it != socks.end()) {
-        // The fd may have been closed and reused since: then it is new to epoll.
-        if (epoll_ctl(epfd, EPOLL_CTL_MOD, sock, &ev) != 0 &&
-            (errno != ENOENT || epoll_ctl(epfd, EPOLL_CTL_ADD, sock, &ev) != 0))
-            return -1;
-        *it = r;
-        return 0;
-    }
-    try {
-        socks.push_back(r);
-    } catch (const std::bad_alloc &) {
-        errno = ENOMEM;
-        return -1;
-    }
-    if (epoll_ctl(epfd, EPOLL_CTL_ADD, sock, &ev) != 0) {
-        socks.pop_back();
-        return -1;
-    }
-    return 0;
+    return set_watch(sock, &Sock::read, Watch{handler, eloop_ctx, sock_ctx});
 }
 
-void vk_eloop_unregister_read_sock(int sock) {
-    auto it = find_sock(sock);
-    if (it == socks.end()) return;
-    socks.erase(it);
-    // Fails harmlessly when the socket was already closed.
-    epoll_ctl(epfd, EPOLL_CTL_DEL, sock, nullptr);
+void vk_eloop_unregister_read_sock(int sock) { set_watch(sock, &Sock::read, Watch{}); }
+
+int vk_eloop_register_write_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
+                                 void *sock_ctx) {
+    if (epfd < 0 || sock < 0 || !handler) {
+        errno = EINVAL;
+        return -1;
+    }
+    return set_watch(sock, &Sock::write, Watch{handler, eloop_ctx, sock_ctx});
 }
+
+void vk_eloop_unregister_write_sock(int sock) { set_watch(sock, &Sock::write, Watch{}); }
 
 int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs,
                               vk_eloop_timeout_handler handler, void *eloop_ctx, void *user_ctx) {

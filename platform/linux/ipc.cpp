@@ -1,4 +1,15 @@
 // Local IPC on Unix-domain datagram sockets under $VK_IPC_ROOT.
+//
+// The kernel charges every datagram waiting in a receiver's queue to the send
+// buffer of the socket it came from. Were all sends made from the endpoint's
+// one socket, a receiver that stops reading would use that buffer up and
+// every other receiver would be refused too. So notifications go from a
+// socket per destination, connected to it: its budget is spent on that
+// receiver alone, and its write readiness in epoll says when that receiver
+// and that budget have room again. Each is bound to an abstract name made
+// of the endpoint's socket file, which a receiver on this platform reads back
+// as that endpoint's path: it sees the same sender as before, and answers
+// reach the endpoint.
 #include "platform/ipc.h"
 
 #include <sys/socket.h>
@@ -9,6 +20,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
@@ -111,23 +123,126 @@ int bind_endpoint(int s, const Addr &a) {
     return EADDRINUSE;  // another process took the path between our attempts
 }
 
+// Abstract names of sending sockets: NUL, this prefix, the endpoint's socket
+// file, '#', the sending socket's slot.
+constexpr std::string_view SENDER_TAG = "vkipc-send:";
+
 // The sender's bound path without the root: empty when it is unbound, abstract
-// or too long to answer through a path field.
+// (but for an endpoint's sending socket) or too long to answer through a path field.
 void sender_path(const sockaddr_un &from, socklen_t flen, std::string_view root, char (&out)[VK_IPC_PATH_MAX]) {
     out[0] = '\0';
     constexpr std::size_t base = offsetof(sockaddr_un, sun_path);
-    if (flen <= base || from.sun_path[0] == '\0') return;
+    if (flen <= base) return;
     const std::size_t max = std::min<std::size_t>(flen - base, sizeof from.sun_path);
     std::string_view p(from.sun_path, strnlen(from.sun_path, max));
+    if (from.sun_path[0] == '\0') {
+        const std::string_view name(from.sun_path + 1, max - 1);
+        const std::size_t hash = name.rfind('#');
+        if (!name.starts_with(SENDER_TAG) || hash == std::string_view::npos) return;
+        p = name.substr(SENDER_TAG.size(), hash - SENDER_TAG.size());
+    }
     if (!root.empty() && p.starts_with(root)) p.remove_prefix(root.size());
     if (p.size() >= VK_IPC_PATH_MAX) return;
     std::memcpy(out, p.data(), p.size());
     out[p.size()] = '\0';
 }
 
-int send_envelope(vk_ipc_send_desc_t *d) {
-    if (!d || !d->handle || !d->msg) return fail(EINVAL);
-    if (d->msg->len > VK_IPC_PAYLOAD_MAX) return fail(EMSGSIZE);
+// Sending sockets, one per (handle, destination). A process talks to a
+// handful of local daemons; past this many the least recently used is closed.
+constexpr int PEER_SOCKS = 32;
+struct PeerSock {
+    const vk_ipc_handle_t *owner;  // null: free
+    char peer[VK_IPC_PATH_MAX];
+    int fd;
+    uint64_t used;
+};
+PeerSock peer_socks[PEER_SOCKS];
+uint64_t peer_clock = 0;
+
+void drop_peer(PeerSock &p) {
+    close(p.fd);
+    p = PeerSock{nullptr, {}, -1, 0};
+}
+
+// Binds a sending socket of h to its abstract name. A name too long for
+// sun_path leaves it unbound: its receivers then see no sender.
+int name_sender(int fd, const vk_ipc_handle_t *h, int slot) {
+    HandleLib lib;
+    std::memcpy(&lib, h->lib, sizeof lib);
+    if (lib.magic != HANDLE_OPEN) return 0;
+    sockaddr_un un{};
+    un.sun_family = AF_UNIX;
+    const int n = std::snprintf(un.sun_path + 1, sizeof un.sun_path - 1, "%.*s%.*s#%d", int(SENDER_TAG.size()),
+                                SENDER_TAG.data(), int(strnlen(lib.file, sizeof lib.file)), lib.file, slot);
+    if (n < 0 || std::size_t(n) >= sizeof un.sun_path - 1) return 0;
+    const auto len = socklen_t(offsetof(sockaddr_un, sun_path) + 1 + std::size_t(n));
+    return bind(fd, reinterpret_cast<const sockaddr *>(&un), len) == 0 ? 0 : errno;
+}
+
+int connect_peer(int fd, const Addr &a) {
+    return connect(fd, reinterpret_cast<const sockaddr *>(&a.un), a.len) == 0 ? 0 : errno;
+}
+
+// The connected sending socket of h for peer, made on first use. -1 with errno.
+int peer_sock(vk_ipc_handle_t *h, const char (&peer)[VK_IPC_PATH_MAX]) {
+    Addr a;
+    if (const int err = make_addr(peer, handle_root(h), a)) return fail(err);
+    if (h->sock < 0) return fail(EBADF);
+    PeerSock *slot = &peer_socks[0];
+    for (PeerSock &p : peer_socks) {
+        if (p.owner == h && std::strncmp(p.peer, peer, VK_IPC_PATH_MAX) == 0) {
+            p.used = ++peer_clock;
+            return p.fd;
+        }
+        if (slot->owner && (!p.owner || p.used < slot->used)) slot = &p;
+    }
+    if (slot->owner) drop_peer(*slot);
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    if (const int err = name_sender(fd, h, int(slot - peer_socks))) {
+        close(fd);
+        return fail(err);
+    }
+    if (const int err = connect_peer(fd, a)) {
+        close(fd);
+        return fail(err);  // ENOENT: nobody there; ECONNREFUSED: a dead one's file
+    }
+    *slot = PeerSock{h, {}, fd, ++peer_clock};
+    std::memcpy(slot->peer, peer, VK_IPC_PATH_MAX);
+    return fd;
+}
+
+PeerSock *find_peer_fd(int fd) {
+    for (PeerSock &p : peer_socks)
+        if (p.owner && p.fd == fd) return &p;
+    return nullptr;
+}
+
+int send_checked(vk_ipc_send_desc_t *d) {
+    if (!d || !d->handle || !d->msg) return EINVAL;
+    if (d->msg->len > VK_IPC_PAYLOAD_MAX) return EMSGSIZE;
+    return 0;
+}
+
+// From the destination's own socket. A receiver that was closed and opened
+// again since the connect is reached by connecting anew, once.
+int send_notify(vk_ipc_send_desc_t *d) {
+    if (const int err = send_checked(d)) return fail(err);
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        const int fd = peer_sock(d->handle, d->peer);
+        if (fd < 0) return -1;
+        if (send(fd, d->msg, VK_IPC_HDR_LEN + d->msg->len, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) return 0;
+        if (errno != ECONNREFUSED && errno != ENOTCONN) return -1;
+        const int err = errno;
+        if (PeerSock *p = find_peer_fd(fd)) drop_peer(*p);
+        errno = err;
+    }
+    return -1;
+}
+
+// From the endpoint itself, so the requester sees whom it asked.
+int send_resp(vk_ipc_send_desc_t *d) {
+    if (const int err = send_checked(d)) return fail(err);
     Addr a;
     if (const int err = make_addr(d->peer, handle_root(d->handle), a)) return fail(err);
     const ssize_t n = sendto(d->handle->sock, d->msg, VK_IPC_HDR_LEN + d->msg->len,
@@ -170,6 +285,8 @@ void vk_ipc_close(vk_ipc_handle_t *h) {
     HandleLib lib;
     std::memcpy(&lib, h->lib, sizeof lib);
     if (lib.magic != HANDLE_OPEN) return;
+    for (PeerSock &p : peer_socks)
+        if (p.owner == h) drop_peer(p);
     if (h->sock >= 0) close(h->sock);
     lib.file[sizeof lib.file - 1] = '\0';
     unlink(lib.file);
@@ -197,6 +314,11 @@ int vk_ipc_recv_large(fd_set *set, vk_ipc_recv_desc_t *rec, uint8_t *received) {
     return 0;
 }
 
-int vk_ipc_send_large(vk_ipc_send_desc_t *d) { return send_envelope(d); }
+int vk_ipc_send_large(vk_ipc_send_desc_t *d) { return send_notify(d); }
 
-int vk_ipc_resp_large(vk_ipc_send_desc_t *d) { return send_envelope(d); }
+int vk_ipc_resp_large(vk_ipc_send_desc_t *d) { return send_resp(d); }
+
+int vk_ipc_send_sock(vk_ipc_handle_t *h, const char (&peer)[VK_IPC_PATH_MAX]) {
+    if (!h) return fail(EINVAL);
+    return peer_sock(h, peer);
+}

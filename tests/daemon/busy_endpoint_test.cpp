@@ -33,11 +33,16 @@ protected:
         return out;
     }
     uint8_t trans_ = 1;
+    std::size_t pending_without_backlog_ = 0;
+    void SetUp() override {
+        World::SetUp();
+        bring_up();
+        pending_without_backlog_ = sim::pending_timeouts();
+        clear_captures();
+    }
 };
 
 TEST_F(BusyEndpoint, MessagesWaitInOrderAndArriveOnceTheEndpointReads) {
-    bring_up();
-    clear_captures();
     sim::ipc_set_full(kPrindal, true);
     for (uint8_t n = 1; n <= 3; ++n) deliver(105, n * 10);
     EXPECT_EQ(sent().size(), 3u);  // all acknowledged to the controller at once
@@ -52,36 +57,78 @@ TEST_F(BusyEndpoint, MessagesWaitInOrderAndArriveOnceTheEndpointReads) {
     EXPECT_TRUE(arrived(kPrindal).empty());
     EXPECT_EQ(tovrin_backlog_count(), 3u);
 
-    // A message arriving while others wait goes behind them even if the
-    // endpoint could take it now.
+    // A message arriving while others wait goes behind them even though the
+    // endpoint could take it now: it arrives in the same instant, after them.
     sim::ipc_set_full(kPrindal, false);
     deliver(105, 40);
-    EXPECT_TRUE(arrived(kPrindal).empty());
-    run_answering(TOVRIN_BACKLOG_RETRY_US);
     EXPECT_EQ(arrived(kPrindal), (std::vector<uint8_t>{10, 20, 30, 40}));
     EXPECT_EQ(tovrin_backlog_count(), 0u);
 
-    // Nothing waits: the retry timer is gone and later messages go at once.
+    // Nothing waits: no timer is left, and later messages go at once.
+    EXPECT_EQ(sim::pending_timeouts() , pending_without_backlog_);
     clear_captures();
     run_answering(kSec);
     deliver(105, 50);
     EXPECT_EQ(arrived(kPrindal), std::vector<uint8_t>{50});
 }
 
+TEST_F(BusyEndpoint, AnEndpointThatStopsReadingHoldsUpNoOther) {
+    // Endpoint 109 is open with a long queue and reads nothing: what waits in
+    // its queue uses up the budget of the socket that sends to it.
+    vk_ipc_handle_t tumbel{};
+    std::strcpy(tumbel.path, "/vk/ipc/tumbel");
+    ASSERT_EQ(vk_ipc_open(&tumbel), 0);
+    sim::ipc_set_queue_len("/vk/ipc/tumbel", 512);
+    for (uint8_t n = 0; n < 40; ++n) deliver(109, n, 16000);
+    EXPECT_EQ(sent().size(), 40u);  // every one acknowledged
+    const std::size_t queued = sim::ipc_queued("/vk/ipc/tumbel");
+    EXPECT_LT(queued, 40u);
+    EXPECT_EQ(tovrin_backlog_count(), 40u - queued);
+
+    // Messages for others arrive at once, and so do answers and status reports.
+    deliver(102, 0x42, 9);
+    EXPECT_EQ(arrived("/vk/ipc/hostun"), std::vector<uint8_t>{0x42});
+    app_send(101, 200, TOVRIN_MSG_F_ACK_REQ, {1});
+    from_ctrl(ack_for(data_sent().back().bytes[11]));
+    bool answered = false;
+    for (const auto &m : sim::ipc_sent())
+        if (m.peer == kGelvar && m.delivered && (decode_app(m).hdr.flags & TOVRIN_MSG_F_ACK_REQ)) answered = true;
+    EXPECT_TRUE(answered);
+
+    // It reads again: everything reaches it, in order, as soon as there is room.
+    std::vector<uint8_t> got;
+    static vk_ipc_msg_t msg;
+    for (int round = 0; round < 100 && got.size() < 40; ++round) {
+        fd_set set;
+        FD_ZERO(&set);
+        FD_SET(tumbel.sock, &set);
+        vk_ipc_recv_desc_t rec{&tumbel, &msg, {}};
+        uint8_t received = 0;
+        while (vk_ipc_recv_large(&set, &rec, &received) == 0 && received) {
+            got.push_back(msg.payload[TOVRIN_APP_HDR_LEN]);
+            EXPECT_STREQ(rec.sender, "/vk/ipc/tovrin");
+        }
+        sim::settle();
+    }
+    std::vector<uint8_t> want(40);
+    for (uint8_t n = 0; n < 40; ++n) want[n] = n;
+    EXPECT_EQ(got, want);
+    EXPECT_EQ(tovrin_backlog_count(), 0u);
+    vk_ipc_close(&tumbel);
+}
+
 TEST_F(BusyEndpoint, AStuckEndpointIsGivenUpAfterTwoSecondsWithANote) {
-    bring_up();
-    clear_captures();
     sim::ipc_set_full(kPrindal, true);
     deliver(105, 7);
     run_answering(500 * kMs);
     deliver(105, 8);  // waits behind the first, for less time itself
     deliver(101, 9);
     EXPECT_EQ(arrived(kGelvar), std::vector<uint8_t>{9});
-    run_answering(TOVRIN_BACKLOG_RETRY_US * (TOVRIN_BACKLOG_MAX_TRIES - 1) - 500 * kMs);
+    run_answering(TOVRIN_BACKLOG_STUCK_US - 500 * kMs - 1);
     EXPECT_EQ(tovrin_backlog_count(), 2u);
-    // The first has been tried for two seconds: the endpoint is stuck, and
+    // It has taken nothing for two seconds: the endpoint is stuck, and
     // everything waiting for it goes, each with a note.
-    run_answering(TOVRIN_BACKLOG_RETRY_US);
+    run_answering(1);
     EXPECT_EQ(tovrin_backlog_count(), 0u);
     EXPECT_EQ(log_count(strf("NOTE: tovrin_backlog: IPC msg type %u of %u bytes for /vk/ipc/prindal "
                              "dropped, endpoint busy for 2 s\n",
@@ -96,8 +143,6 @@ TEST_F(BusyEndpoint, AStuckEndpointIsGivenUpAfterTwoSecondsWithANote) {
 }
 
 TEST_F(BusyEndpoint, WhenWaitingIsFullControllerMessagesAreLeftToTheirRetransmission) {
-    bring_up();
-    clear_captures();
     sim::ipc_set_full(kPrindal, true);
     // Bound in messages: small ones all wait, each acknowledged.
     for (std::size_t i = 0; i < TOVRIN_BACKLOG_MAX_MSGS; ++i) deliver(105, static_cast<uint8_t>(i));
@@ -120,7 +165,7 @@ TEST_F(BusyEndpoint, WhenWaitingIsFullControllerMessagesAreLeftToTheirRetransmis
     // The endpoint reads; the controller's retransmission is taken as new,
     // acknowledged and delivered once, after everything that waited.
     sim::ipc_set_full(kPrindal, false);
-    run_answering(TOVRIN_BACKLOG_RETRY_US);
+    sim::settle();
     EXPECT_EQ(arrived(kPrindal).size(), TOVRIN_BACKLOG_MAX_MSGS);
     for (const auto &f : fragments(payload, trans, TOVRIN_F_RETX)) from_ctrl(f);
     ASSERT_EQ(sent().size(), 1u);
@@ -144,8 +189,33 @@ TEST_F(BusyEndpoint, WhenWaitingIsFullControllerMessagesAreLeftToTheirRetransmis
     EXPECT_EQ(data_sent().size() + sent().size(), fit);  // acknowledgements: the last one got none
 }
 
+TEST_F(BusyEndpoint, AWithheldAcknowledgementLeavesTheReassemblyStateTruthful) {
+    sim::ipc_set_full(kPrindal, true);
+    for (std::size_t i = 0; i < TOVRIN_BACKLOG_MAX_MSGS; ++i) deliver(105, static_cast<uint8_t>(i));
+    const uint8_t trans = 0x5a, other = static_cast<uint8_t>(~trans);
+    for (const auto &f : fragments(plain_payload(200, 101, {0x11}), trans)) from_ctrl(f);
+    EXPECT_EQ(tovrin_gbl.comm.rx_hdr.ctlr_trans, trans);
+
+    // What the access point sends next carries the number that arrived last.
+    clear_captures();
+    app_send(101, 200, 0, {1, 2, 3});
+    ASSERT_EQ(data_sent().size(), 1u);
+    EXPECT_EQ(data_sent()[0].bytes[10], trans);
+
+    // A later message under the bitwise complement of that number, whose first
+    // transmission was lost: its resend is taken and delivered.
+    sim::ipc_set_full(kPrindal, false);
+    sim::settle();
+    clear_captures();
+    for (const auto &f : fragments(plain_payload(200, 101, {0x22}), other, TOVRIN_F_RETX)) from_ctrl(f);
+    ASSERT_EQ(sent().size(), 1u);
+    EXPECT_EQ(sent()[0].bytes[10], other);
+    const auto got = app_msgs_to(kGelvar);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].data, std::vector<uint8_t>{0x22});
+}
+
 TEST_F(BusyEndpoint, AnswersToLocalSendersBeyondTheBoundAreDroppedWithANote) {
-    bring_up();
     // Endpoint 105 sends many messages asking for their outcome and reads nothing.
     sim::ipc_set_full(kPrindal, true);
     for (std::size_t i = 0; i < TOVRIN_BACKLOG_MAX_MSGS + 3; ++i) {
@@ -161,15 +231,13 @@ TEST_F(BusyEndpoint, AnswersToLocalSendersBeyondTheBoundAreDroppedWithANote) {
 }
 
 TEST_F(BusyEndpoint, AnEndpointThatGoesAwayWhileItsMessagesWaitLosesThemWithANote) {
-    bring_up();
-    clear_captures();
     sim::ipc_set_full(kPrindal, true);
     deliver(105, 1);
     deliver(105, 2);
     sim::ipc_set_full(kPrindal, false);
     sim::ipc_set_missing(kPrindal, true);
     const std::size_t mark = log_mark();
-    run_answering(TOVRIN_BACKLOG_RETRY_US);
+    sim::settle();
     EXPECT_EQ(tovrin_backlog_count(), 0u);
     const std::string log = log_since(mark);
     EXPECT_NE(log.find("for /vk/ipc/prindal dropped, No such file or directory\n"), std::string::npos);

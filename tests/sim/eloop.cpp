@@ -1,8 +1,10 @@
-// The event loop on the virtual clock: same ordering rules as the real one,
-// but time only moves when a timeout is due or a run_for ends.
+// The event loop on the virtual clock: same ordering rules as the real one
+// (at each instant the timeouts due first, then the sockets ready), but time
+// only moves when a timeout is due or a run_for ends.
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <utility>
 
 #include "platform/eloop.h"
@@ -18,11 +20,33 @@ bool still_pending(int fd, uint64_t seq) {
                        [seq](const Pending &p) { return p.seq == seq; });
 }
 
+// Calls the write handler of every registered socket that has room, once.
+// True when one of them did something: sent, or changed registrations.
+bool handle_writable(bool stop_on_terminate) {
+    World &w = world();
+    std::vector<int> ready;
+    for (const auto &[fd, ws] : w.write_socks)
+        if (writable(fd)) ready.push_back(fd);
+    bool acted = false;
+    for (int fd : ready) {
+        if (stop_on_terminate && w.terminate) break;
+        auto it = w.write_socks.find(fd);
+        if (it == w.write_socks.end() || !writable(fd)) continue;
+        const ReadSock ws = it->second;
+        const std::size_t sends = w.ipc_sent.size() + w.udp_sent.size();
+        const std::size_t regs = w.write_socks.size();
+        ws.handler(fd, ws.ctx1, ws.ctx2);
+        acted = acted || sends != w.ipc_sent.size() + w.udp_sent.size() || regs != w.write_socks.size();
+    }
+    return acted;
+}
+
 // Calls the handler of every registered socket once per pending datagram, in
-// injection order, then again for what the callbacks left or added, until a
-// pass consumes nothing. A handler that never reads cannot hang the world.
-// Within vk_eloop_run a termination stops it, as it stops the real dispatch.
-void handle_readable(bool stop_on_terminate) {
+// injection order, then the handlers of sockets with room to write, then again
+// for what the callbacks left or added, until a pass changes nothing. A
+// handler that never reads cannot hang the world. Within vk_eloop_run a
+// termination stops it, as it stops the real dispatch.
+void handle_sockets(bool stop_on_terminate) {
     World &w = world();
     for (;;) {
         std::vector<std::pair<uint64_t, int>> due;
@@ -40,7 +64,9 @@ void handle_readable(bool stop_on_terminate) {
             rs.handler(fd, rs.ctx1, rs.ctx2);
             consumed = consumed || !still_pending(fd, seq);
         }
-        if (!consumed) return;
+        if (stop_on_terminate && w.terminate) return;
+        const bool wrote = handle_writable(stop_on_terminate);
+        if (!consumed && !wrote) return;
     }
 }
 
@@ -60,13 +86,34 @@ void deliver_signals() {
     }
 }
 
-// Removed before the call, so the handler may re-arm or cancel itself freely.
-void run_first_timeout() {
+// Runs the timeouts due now that were registered before this pass, in order;
+// one registered meanwhile with no delay waits for the next pass, as in the
+// real loop. Each is removed before its call, so it may re-arm or cancel freely.
+void run_due_timeouts(bool stop_on_terminate) {
     World &w = world();
-    const Timeout t = w.timeouts.front();
-    w.timeouts.erase(w.timeouts.begin());
-    w.now_us = std::max(w.now_us, t.expiry_us);
-    t.handler(t.ctx1, t.ctx2);
+    const uint64_t seq_limit = w.next_timeout_seq;
+    while (!(stop_on_terminate && w.terminate) && !w.timeouts.empty()) {
+        const Timeout t = w.timeouts.front();
+        if (t.expiry_us > w.now_us || t.seq >= seq_limit) return;
+        w.timeouts.erase(w.timeouts.begin());
+        t.handler(t.ctx1, t.ctx2);
+    }
+}
+
+// One pass at the current instant; then the clock moves to the next expiry
+// unless something is due now already or the next lies past end. False when
+// the clock cannot move (nothing pending, or past end).
+bool pass_and_advance(bool in_run, uint64_t end) {
+    World &w = world();
+    deliver_signals();
+    if (in_run && w.terminate) return false;
+    run_due_timeouts(in_run);
+    if (in_run && w.terminate) return false;
+    handle_sockets(in_run);
+    if (in_run && w.terminate) return false;
+    if (w.timeouts.empty() || w.timeouts.front().expiry_us > end) return false;
+    w.now_us = std::max(w.now_us, w.timeouts.front().expiry_us);
+    return true;
 }
 
 bool matches(void *want, void *have) { return want == VK_ELOOP_ANY || want == have; }
@@ -78,11 +125,7 @@ uint64_t now_us() { return world().now_us; }
 void run_for(uint64_t us) {
     World &w = world();
     const uint64_t end = w.now_us + us;
-    for (;;) {
-        deliver_signals();
-        handle_readable(false);
-        if (w.timeouts.empty() || w.timeouts.front().expiry_us > end) break;
-        run_first_timeout();
+    while (pass_and_advance(false, end)) {
     }
     w.now_us = end;
 }
@@ -115,6 +158,7 @@ int vk_eloop_init(void *) {
     world().timeouts.clear();
     world().read_socks.clear();
     world().signals.clear();
+    world().write_socks.clear();
     return 0;
 }
 
@@ -145,6 +189,22 @@ int vk_eloop_register_read_sock(int sock, vk_eloop_sock_handler handler, void *e
 
 void vk_eloop_unregister_read_sock(int sock) { world().read_socks.erase(sock); }
 
+int vk_eloop_register_write_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
+                                 void *sock_ctx) {
+    if (sock < 0 || !handler) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (!sim::find_socket(sock)) {
+        errno = EBADF;
+        return -1;
+    }
+    world().write_socks[sock] = sim::ReadSock{handler, eloop_ctx, sock_ctx};
+    return 0;
+}
+
+void vk_eloop_unregister_write_sock(int sock) { world().write_socks.erase(sock); }
+
 int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs,
                               vk_eloop_timeout_handler handler, void *eloop_ctx, void *user_ctx) {
     if (!handler) {
@@ -156,7 +216,7 @@ int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs,
     // After every timeout with the same expiry: those were registered first.
     auto at = std::upper_bound(ts.begin(), ts.end(), expiry,
                                [](uint64_t e, const sim::Timeout &t) { return e < t.expiry_us; });
-    ts.insert(at, sim::Timeout{expiry, handler, eloop_ctx, user_ctx});
+    ts.insert(at, sim::Timeout{expiry, world().next_timeout_seq++, handler, eloop_ctx, user_ctx});
     return 0;
 }
 
@@ -173,12 +233,7 @@ int vk_eloop_cancel_timeout(vk_eloop_timeout_handler handler, void *eloop_ctx, v
 // pending and no registered socket has input its handler will read.
 void vk_eloop_run(void) {
     sim::World &w = world();
-    while (!w.terminate) {
-        sim::deliver_signals();
-        if (w.terminate) break;
-        sim::handle_readable(true);
-        if (w.terminate || w.timeouts.empty()) break;
-        sim::run_first_timeout();
+    while (!w.terminate && sim::pass_and_advance(true, UINT64_MAX)) {
     }
     w.terminate = false;
 }

@@ -1,5 +1,9 @@
 // In-memory local IPC: endpoints by path on fake descriptors. Every send is
-// captured; sends to an endpoint open in the world are also delivered to it.
+// captured; sends to an endpoint open in the world are also delivered to it,
+// within that endpoint's queue length and charged to the sending socket's
+// budget until read, as the kernel does. Notifications go from a sending
+// socket per destination, responses from the handle's own endpoint; the
+// receiver sees the handle's path as the sender of both.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -23,12 +27,29 @@ int fail(int err) {
     return -1;
 }
 
-void queue_for(const std::string &to, std::vector<uint8_t> bytes, const std::string &sender) {
+void queue_for(const std::string &to, std::vector<uint8_t> bytes, const std::string &sender, int from = -1) {
     const int fd = ipc_fd_of(to);
-    if (fd >= 0) push_input(*find_socket(fd), Pending{0, std::move(bytes), 0, 0, sender});
+    if (fd < 0) return;
+    const std::size_t charge = bytes.size() + kIpcDatagramOverhead;
+    if (Socket *s = find_socket(from)) s->charged += charge;
+    push_input(*find_socket(fd), Pending{0, std::move(bytes), 0, 0, sender, from, charge});
 }
 
-int send(vk_ipc_send_desc_t *d) {
+// The sending socket of handle fd own for peer, made on first use; -1 with errno.
+int peer_sock(int own, const std::string &peer) {
+    for (const auto &[fd, s] : world().sockets)
+        if (s.ipc && s.owner == own && s.peer == peer) return fd;
+    const int fd = alloc_fd();
+    if (fd < 0) return fail(EMFILE);
+    Socket s;
+    s.ipc = true;
+    s.owner = own;
+    s.peer = peer;
+    world().sockets[fd] = std::move(s);
+    return fd;
+}
+
+int send(vk_ipc_send_desc_t *d, bool resp) {
     // Checks in the real service's order, so a refusal gives the same errno.
     if (!d || !d->handle || !d->msg) return fail(EINVAL);
     const vk_ipc_msg_t &m = *d->msg;
@@ -45,8 +66,18 @@ int send(vk_ipc_send_desc_t *d) {
                                        !missing && !full, !missing && full});
     if (missing) return fail(ENOENT);
     if (full) return fail(EAGAIN);
+    const int from = resp ? d->handle->sock : peer_sock(d->handle->sock, *peer);
+    if (from < 0) return -1;
+    const Socket *to = find_socket(ipc_fd_of(*peer));
+    // Refused as by the kernel: the sender's budget is used up, or the
+    // receiver's queue is past its length.
+    const bool room = find_socket(from)->charged < kIpcSendBudget && (!to || to->input.size() <= to->queue_len);
+    IpcSent &rec = world().ipc_sent.back();
+    rec.delivered = room;
+    rec.full = !room;
+    if (!room) return fail(EAGAIN);
     const auto *raw = reinterpret_cast<const uint8_t *>(&m);
-    queue_for(*peer, std::vector<uint8_t>(raw, raw + VK_IPC_HDR_LEN + m.len), own->path);
+    queue_for(*peer, std::vector<uint8_t>(raw, raw + VK_IPC_HDR_LEN + m.len), own->path, from);
     return 0;
 }
 
@@ -84,6 +115,15 @@ void ipc_set_full(const std::string &path, bool full) {
 
 void ipc_fail_open(int err) { world().ipc_fail_open = err; }
 
+void ipc_set_queue_len(const std::string &path, std::size_t len) {
+    if (Socket *s = find_socket(ipc_fd_of(path))) s->queue_len = len;
+}
+
+std::size_t ipc_queued(const std::string &path) {
+    const Socket *s = find_socket(ipc_fd_of(path));
+    return s ? s->input.size() : 0;
+}
+
 bool ipc_is_open(const std::string &path) { return ipc_fd_of(path) >= 0; }
 
 }  // namespace sim
@@ -100,7 +140,10 @@ int vk_ipc_open(vk_ipc_handle_t *h) {
     if (sim::ipc_is_open(*path)) return sim::fail(EADDRINUSE);
     const int fd = sim::alloc_fd();
     if (fd < 0) return sim::fail(EMFILE);
-    world().sockets[fd] = sim::Socket{true, 0, *path, {}};
+    sim::Socket s;
+    s.ipc = true;
+    s.path = *path;
+    world().sockets[fd] = std::move(s);
     h->sock = fd;
     return 0;
 }
@@ -108,7 +151,13 @@ int vk_ipc_open(vk_ipc_handle_t *h) {
 void vk_ipc_close(vk_ipc_handle_t *h) {
     if (!h) return;
     const sim::Socket *s = sim::find_socket(h->sock);
-    if (s && s->ipc) sim::close_fd(h->sock);
+    if (s && s->ipc) {
+        std::vector<int> senders;
+        for (const auto &[fd, o] : world().sockets)
+            if (o.ipc && o.owner == h->sock) senders.push_back(fd);
+        for (int fd : senders) sim::close_fd(fd);
+        sim::close_fd(h->sock);
+    }
     h->sock = -1;
 }
 
@@ -125,6 +174,7 @@ int vk_ipc_recv_large(fd_set *set, vk_ipc_recv_desc_t *rec, uint8_t *received) {
     if (!set || !FD_ISSET(fd, set) || s->input.empty()) return 0;
     const sim::Pending p = std::move(s->input.front());
     s->input.pop_front();
+    sim::uncharge(p);
     // The buffer holds at most one whole envelope; the check sees the true
     // size, so an oversized datagram is refused rather than cut.
     if (!p.bytes.empty())
@@ -139,6 +189,16 @@ int vk_ipc_recv_large(fd_set *set, vk_ipc_recv_desc_t *rec, uint8_t *received) {
     return 0;
 }
 
-int vk_ipc_send_large(vk_ipc_send_desc_t *d) { return sim::send(d); }
+int vk_ipc_send_large(vk_ipc_send_desc_t *d) { return sim::send(d, false); }
 
-int vk_ipc_resp_large(vk_ipc_send_desc_t *d) { return sim::send(d); }
+int vk_ipc_resp_large(vk_ipc_send_desc_t *d) { return sim::send(d, true); }
+
+int vk_ipc_send_sock(vk_ipc_handle_t *h, const char (&peer)[VK_IPC_PATH_MAX]) {
+    if (!h) return sim::fail(EINVAL);
+    const std::optional<std::string> p = sim::path_text(peer);
+    if (!p) return sim::fail(ENAMETOOLONG);
+    if (p->empty()) return sim::fail(EINVAL);
+    const sim::Socket *own = sim::find_socket(h->sock);
+    if (!own || !own->ipc) return sim::fail(EBADF);
+    return sim::peer_sock(h->sock, *p);
+}

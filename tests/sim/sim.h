@@ -68,8 +68,8 @@ struct IpcSent {
     std::string peer;        // destination endpoint path
     uint32_t type, len, flags;
     std::vector<uint8_t> payload;  // len bytes
-    bool delivered;          // false when the peer was missing or full
-    bool full;               // refused because the peer was full (EAGAIN)
+    bool delivered;          // false when refused
+    bool full;               // refused with EAGAIN: the peer's queue or the sender's budget was full
 };
 // Every IPC message sent by any handle (daemon, sysmon calls), oldest first.
 const std::vector<IpcSent> &ipc_sent();
@@ -84,8 +84,12 @@ void ipc_inject_raw(std::vector<uint8_t> bytes, const std::string &sender = "/vk
 // Sends to path fail with ENOENT while missing (recorded with delivered=false).
 void ipc_set_missing(const std::string &path, bool missing);
 // Sends to path fail with EAGAIN while full, as when the endpoint's queue is
-// (recorded with delivered=false).
+// (recorded with delivered=false), and sockets sending to it are not writable.
 void ipc_set_full(const std::string &path, bool full);
+// The queue length of the endpoint open at path (net.unix.max_dgram_qlen
+// when it was made; default kernel's 10), and how many datagrams wait there.
+void ipc_set_queue_len(const std::string &path, std::size_t len);
+std::size_t ipc_queued(const std::string &path);
 // Makes the next vk_ipc_open fail with err (0 disarms).
 void ipc_fail_open(int err);
 // Whether an endpoint is open at path.

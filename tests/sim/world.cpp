@@ -27,9 +27,36 @@ Socket *find_socket(int fd) {
     return it == world().sockets.end() ? nullptr : &it->second;
 }
 
+// Closing a receiver frees what waits in its queue; closing a sender leaves
+// its datagrams queued but charged to nobody.
 bool close_fd(int fd) {
-    world().read_socks.erase(fd);
-    return world().sockets.erase(fd) > 0;
+    World &w = world();
+    w.read_socks.erase(fd);
+    w.write_socks.erase(fd);
+    auto it = w.sockets.find(fd);
+    if (it == w.sockets.end()) return false;
+    for (const Pending &p : it->second.input) uncharge(p);
+    w.sockets.erase(it);
+    for (auto &[other, s] : w.sockets)
+        for (Pending &p : s.input)
+            if (p.charged_to == fd) p.charged_to = -1;
+    return true;
+}
+
+void uncharge(const Pending &p) {
+    if (p.charged_to < 0) return;
+    if (Socket *from = find_socket(p.charged_to)) from->charged -= p.charge;
+}
+
+bool writable(int fd) {
+    const Socket *s = find_socket(fd);
+    if (!s) return false;
+    if (!s->ipc) return true;
+    if (s->charged >= kIpcSendBudget) return false;
+    if (s->peer.empty()) return true;
+    if (world().ipc_full.count(s->peer)) return false;
+    const Socket *to = find_socket(ipc_fd_of(s->peer));
+    return !to || to->input.size() <= to->queue_len;
 }
 
 void push_input(Socket &s, Pending p) {

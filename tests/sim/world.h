@@ -20,6 +20,12 @@ inline constexpr int kFirstFd = 100;
 inline constexpr int kLastFd = 1023;
 inline constexpr uint16_t kLinkPort = 6650;
 inline constexpr uint16_t kFirstEphemeralPort = 40000;
+// What the kernel gives a Unix datagram socket: a send budget (wmem_default)
+// against which every datagram is charged, with its bookkeeping, until its
+// receiver reads it; and net.unix.max_dgram_qlen (a receiver takes one more).
+inline constexpr std::size_t kIpcSendBudget = 212992;
+inline constexpr std::size_t kIpcDatagramOverhead = 576;
+inline constexpr std::size_t kIpcDefaultQueueLen = 10;
 
 // One datagram waiting to be read. seq orders input across every socket, so
 // readable sockets are handled in injection order.
@@ -29,17 +35,25 @@ struct Pending {
     uint32_t ip = 0;      // UDP sender, network order
     uint16_t port = 0;    // UDP sender, host order
     std::string sender;   // IPC sender path
+    int charged_to = -1;  // IPC: the sending socket whose budget it uses while it waits
+    std::size_t charge = 0;
 };
 
 struct Socket {
     bool ipc = false;     // else UDP
     uint16_t port = 0;    // UDP: bound port, 0 while unbound
-    std::string path;     // IPC: endpoint path
+    std::string path;     // IPC: endpoint path; empty for a sending socket
     std::deque<Pending> input;
+    // IPC sending socket of handle fd owner, connected to endpoint peer.
+    int owner = -1;
+    std::string peer;
+    std::size_t charged = 0;  // budget used by datagrams waiting in receivers' queues
+    std::size_t queue_len = kIpcDefaultQueueLen;
 };
 
 struct Timeout {
     uint64_t expiry_us;
+    uint64_t seq;  // registration order
     vk_eloop_timeout_handler handler;
     void *ctx1, *ctx2;
 };
@@ -60,7 +74,9 @@ struct World {
     bool terminate = false;
     // Kept sorted by expiry; equal expiries stay in registration order.
     std::vector<Timeout> timeouts;
+    uint64_t next_timeout_seq = 0;
     std::map<int, ReadSock> read_socks;
+    std::map<int, ReadSock> write_socks;
     std::map<int, Socket> sockets;
     std::map<int, SignalReg> signals;  // null handler: ignored
     std::vector<int> raised;           // not yet handled, oldest first
@@ -96,5 +112,10 @@ bool close_fd(int fd);
 void push_input(Socket &s, Pending p);
 // Descriptor of the IPC endpoint at path, or -1.
 int ipc_fd_of(const std::string &path);
+// Whether a send on fd would find room now: its own budget and, for an IPC
+// sending socket, its receiver's queue. UDP sockets always have room.
+bool writable(int fd);
+// Takes a read or dropped datagram's charge off its sender's budget.
+void uncharge(const Pending &p);
 
 }  // namespace sim
