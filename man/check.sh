@@ -18,7 +18,7 @@ for page in "$@"; do
             echo "FAILED: $name has no $s section"; fails=$((fails + 1))
         fi
     done
-    if command -v man >/dev/null && ! MANPAGER=cat man -l "$page" >/dev/null 2>&1; then
+    if command -v man >/dev/null && ! MANPAGER="cat" man -l "$page" >/dev/null 2>&1; then
         echo "FAILED: man -l $name"; fails=$((fails + 1))
     fi
     echo "ok: $name"

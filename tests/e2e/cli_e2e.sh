@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # --version and --help of every program: they print and exit 0 at once, and
 # the daemon opens nothing for them; any other argument leaves the daemon as it is.
+# shellcheck source=tests/e2e/lib.sh
 . "$(dirname "$0")/lib.sh"
 
 # TOVRIN_PROJECT_VERSION: the version the build was configured with.
@@ -8,8 +9,7 @@ want=${TOVRIN_PROJECT_VERSION:?}
 progs=("tovrin $TOVRIN_BIN" "tovrinctl $TOVRINCTL_BIN" "drav-sim $DRAVSIM_BIN")
 [ -n "${TOVRIN_PCAP_BIN:-}" ] && progs+=("tovrin-pcap $TOVRIN_PCAP_BIN")
 for prog in "${progs[@]}"; do
-    set -- $prog
-    name=$1 bin=$2
+    read -r name bin <<<"$prog"
     out=$("$bin" --version); rc=$?
     check_eq "$name --version exits 0" "$rc" 0
     check "$name --version says '$name $want' first (got '${out%%$'\n'*}')" \
@@ -22,7 +22,8 @@ done
 # The daemon's information options open no endpoint and no log, whatever follows them.
 mkdir -p "$WORK/logs"
 for args in "--version" "--help" "--version --bogus" "-h"; do
-    VK_LOG_DIR="$WORK/logs" "$TOVRIN_BIN" $args >/dev/null
+    read -ra argv <<<"$args"
+    VK_LOG_DIR="$WORK/logs" "$TOVRIN_BIN" "${argv[@]}" >/dev/null
     check "tovrin $args creates neither the IPC root nor a log" \
         test ! -e "$VK_IPC_ROOT" -a -z "$(ls -A "$WORK/logs")"
 done
