@@ -26,6 +26,13 @@ tshark_lua() {
 
 have_tshark=1
 command -v tshark >/dev/null || have_tshark=0
+# A dissector installed in Wireshark's plugin folders is loaded before this one,
+# which then steps aside: check only when the installed copy is this very file.
+installed=$(HOME="$work/home" tshark -G plugins 2>/dev/null | awk -F'\t' '$1 == "tovrin.lua" {print $4}')
+if [ "$have_tshark" = 1 ] && [ -n "$installed" ] && ! cmp -s "$installed" "$lua"; then
+    echo "note: $installed differs from the source and is loaded first: the dissector is not checked"
+    have_tshark=0
+fi
 
 for cap in session-any.pcap session-eth.pcapng session-sll.pcap malformed.pcap; do
     base=${cap%.*}

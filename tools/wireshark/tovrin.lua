@@ -30,7 +30,10 @@ local DATA_PLAIN, DATA_ENC = 0x21, 0x26
 local DIR_UNKNOWN, DIR_UP, DIR_DOWN = 0, 1, 2
 local dir_names = { [DIR_UNKNOWN] = "?", [DIR_UP] = "AP->DRAV", [DIR_DOWN] = "DRAV->AP" }
 
-local tovrin = Proto("tovrin", "tovrin AP-controller link")
+-- Loaded twice (installed as a plugin and given again with -X lua_script):
+-- the copy loaded first serves, the second steps aside instead of failing.
+local registered, tovrin = pcall(Proto, "tovrin", "tovrin AP-controller link")
+if not registered then return end
 
 local pf = {
     version = ProtoField.uint8("tovrin.version", "Version", base.DEC),
