@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "controller.h"
+#include "core/counters.h"
 #include "core/ipc_codes.h"
 #include "core/startup.h"
 #include "link/protect.h"
@@ -133,6 +134,7 @@ private:
     // Per controller message: deliveries, and the starts the daemon could not
     // tell from a new message (see check_delivery).
     std::map<uint64_t, int> delivered_, allowed_;
+    uint64_t taken_ = 0;  // controller messages an endpoint took (a missing one takes nothing)
     std::map<uint64_t, bool> stale_;
     std::set<uint64_t> frag0_seen_;
     int last_status_ = 0;
@@ -302,8 +304,10 @@ void Run::collect() {
         tovrin_app_msg_t h;
         std::memcpy(&h, s.payload.data(), TOVRIN_APP_HDR_LEN);
         if (h.flags & TOVRIN_MSG_F_STATUS) continue;
-        if (h.flags & TOVRIN_MSG_F_FROM_CTRL)
+        if (h.flags & TOVRIN_MSG_F_FROM_CTRL) {
+            taken_ += s.delivered;
             check_delivery(s, h);
+        }
         else
             check_answer(s, h);
     }
@@ -440,6 +444,15 @@ void Run::check_end() {
     EXPECT(tovrin_gbl.comm.msg_cnt == 0 && tovrin_gbl.comm.head == nullptr, "%d messages still queued",
            tovrin_gbl.comm.msg_cnt);
     EXPECT(tovrin_backlog_count() == 0, "%zu local deliveries still waiting", tovrin_backlog_count());
+    // The counters account for every message and every link change.
+    const tovrin_counters_t &c = tovrin_counters;
+    EXPECT(c.up_messages_accepted == c.up_messages_acked + c.up_messages_failed,
+           "counters: %llu accepted, %llu acked, %llu failed", (unsigned long long)c.up_messages_accepted,
+           (unsigned long long)c.up_messages_acked, (unsigned long long)c.up_messages_failed);
+    EXPECT(c.down_messages_delivered == taken_, "counters: %llu delivered, the endpoints took %llu",
+           (unsigned long long)c.down_messages_delivered, (unsigned long long)taken_);
+    EXPECT(c.link_ups == c.link_downs + 1, "counters: %llu ups, %llu downs, link up",
+           (unsigned long long)c.link_ups, (unsigned long long)c.link_downs);
     // Whatever the controller took whole, a local application sent, unchanged.
     std::set<uint32_t> at_ctrl;
     for (const ApMsg &r : ctrl_->received) {
