@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # The OpenWrt files without OpenWrt: shellcheck on every script, then the init
 # script, the start helper and the rpcd plugin run with procd, UCI, logger and
-# tovrinctl stubbed, checking exactly what they would run for a configuration.
+# tovrinctl stubbed, checking exactly what they would run for a configuration;
+# then the helper and the plugin with the real daemon and tovrinctl when
+# TOVRIN_BIN and TOVRINCTL_BIN name them.
 set -u
 here=$(cd "$(dirname "$0")" && pwd)
 files=$here/files
@@ -169,6 +171,33 @@ expect "rpcd, daemon not answering: an error object, valid JSON" \
     "$(CTL_FAIL='tovrinctl: no answer from "/vk/ipc/tovrin"' rpcd call status | jq -c .)" \
     '{"error":"tovrinctl: no answer from /vk/ipc/tovrin"}'
 expect "rpcd, unknown method" "$(rpcd call reboot | jq -c .)" '{"error":"unknown method"}'
+
+# With the real programs (TOVRIN_BIN, TOVRINCTL_BIN from the build): the helper
+# hands the settings to a real daemon, and the plugin answers with its JSON.
+if [ -n "${TOVRIN_BIN:-}" ] && [ -n "${TOVRINCTL_BIN:-}" ] && command -v jq >/dev/null; then
+    mkdir -p "$T/real"
+    ln -s "$TOVRIN_BIN" "$T/real/tovrin"
+    ln -s "$TOVRINCTL_BIN" "$T/real/tovrinctl"
+    ln -s "$T/bin/uci" "$T/real/uci"
+    printf '%s\n' controller=192.0.2.10 key=2b7e151628aed2a6abf7158809cf4f3c encrypt=1 >"$T/uci"
+    export VK_IPC_ROOT=$T/ipc VK_LOG_DIR=$T VK_NODE_VAP_MAC=02:00:5e:10:00:09 VK_NODE_SERIAL=OPENWRT-TEST
+    PATH="$T/real:$PATH" sh "$files/tovrin.run" >"$T/daemon.out" 2>&1 &
+    daemon=$!
+    for ((i = 0; i < 100; i++)); do
+        "$TOVRINCTL_BIN" status 2>/dev/null | grep -q 192.0.2.10 && break
+        sleep 0.1
+    done
+    expect "helper hands the controller to the real daemon" "$("$TOVRINCTL_BIN" status)" \
+        "controller 192.0.2.10 link DOWN"
+    expect "the helper became the daemon (same process)" \
+        "$(tr '\0' ' ' </proc/$daemon/cmdline 2>/dev/null)" "tovrin "
+    rpcd_real() { PATH="$T/real:$PATH" sh "$files/tovrin.rpcd" "$@" </dev/null; }
+    expect "rpcd call status, real daemon" "$(rpcd_real call status | jq -c '[.controller, .link_state]')" \
+        '["192.0.2.10","down"]'
+    expect "rpcd call stats, real daemon" "$(rpcd_real call stats | jq -c '.datagrams_in | type')" '"number"'
+    kill "$daemon"; wait "$daemon" 2>/dev/null
+    expect "rpcd, daemon gone: an error object" "$(rpcd_real call status | jq -r 'has("error")')" true
+fi
 
 echo "$fails failed"
 [ "$fails" -eq 0 ]
