@@ -3,6 +3,7 @@
 . "$(dirname "$0")/lib.sh"
 
 KEY=000102030405060708090a0b0c0d0e0f
+E2E_WIRE_KEY=$KEY  # the session capture is read back with it
 link_up --key "$KEY" || { fail "link comes up"; e2e_done; exit 1; }
 SIM="$WORK/sim.out"
 LISTEN="$WORK/listen-101.out"

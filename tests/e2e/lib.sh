@@ -5,6 +5,7 @@
 set -u
 E2E_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 . "$E2E_ROOT/scripts/netns.sh"
+. "$E2E_ROOT/tests/e2e/wire_check.sh"
 
 E2E_PASS=0
 E2E_FAIL=0
@@ -49,6 +50,7 @@ wait_for() {
 }
 count_of() { grep -cE -- "$2" "$1" 2>/dev/null || true; }
 e2e_done() {
+    wire_capture_check
     echo "$E2E_PASS passed, $E2E_FAIL failed"
     [ "$E2E_FAIL" -eq 0 ]
 }
@@ -60,6 +62,7 @@ need_netns() {
         exit 77
     fi
     E2E_NS=1
+    wire_capture_start
 }
 in_ap() { ip netns exec "$TOVRIN_NS_AP" "$@"; }
 in_ctl() { ip netns exec "$TOVRIN_NS_CTL" "$@"; }
