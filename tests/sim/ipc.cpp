@@ -63,7 +63,7 @@ int send(vk_ipc_send_desc_t *d, bool resp) {
     const bool full = world().ipc_full.count(*peer) > 0;
     world().ipc_sent.push_back(IpcSent{world().now_us, d->kind, *peer, m.type, m.len, m.flags,
                                        std::vector<uint8_t>(m.payload, m.payload + m.len),
-                                       !missing && !full, !missing && full});
+                                       !missing && !full, !missing && full, false});
     if (missing) return fail(ENOENT);
     if (full) return fail(EAGAIN);
     const int from = resp ? d->handle->sock : peer_sock(d->handle->sock, *peer);
@@ -75,6 +75,10 @@ int send(vk_ipc_send_desc_t *d, bool resp) {
     IpcSent &rec = world().ipc_sent.back();
     rec.delivered = room;
     rec.full = !room;
+    if (!room)
+        for (const auto &[fd, o] : world().sockets)
+            if (o.path != *peer)
+                for (const Pending &p : o.input) rec.held_by_other = rec.held_by_other || p.charged_to == from;
     if (!room) return fail(EAGAIN);
     const auto *raw = reinterpret_cast<const uint8_t *>(&m);
     queue_for(*peer, std::vector<uint8_t>(raw, raw + VK_IPC_HDR_LEN + m.len), own->path, from);

@@ -70,6 +70,7 @@ struct IpcSent {
     std::vector<uint8_t> payload;  // len bytes
     bool delivered;          // false when refused
     bool full;               // refused with EAGAIN: the peer's queue or the sender's budget was full
+    bool held_by_other;      // refused for a budget that datagrams waiting at other receivers use
 };
 // Every IPC message sent by any handle (daemon, sysmon calls), oldest first.
 const std::vector<IpcSent> &ipc_sent();
