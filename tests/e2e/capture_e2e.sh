@@ -3,7 +3,7 @@
 # dissects as tovrin in tshark without error, and tovrin-pcap --key prints the
 # plaintext of every encrypted message. TOVRIN_CAPTURE_SAVE=DIR keeps the
 # captures there (how tests/captures/ is refreshed).
-E2E_WIRE_CHECK=0  # this test records and checks its own captures
+export E2E_WIRE_CHECK=0  # this test records and checks its own captures
 . "$(dirname "$0")/lib.sh"
 . "$(dirname "$0")/capture_session.sh"
 for tool in tcpdump tshark editcap; do

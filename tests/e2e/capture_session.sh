@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # A scripted session recorded with tcpdump: link up, plain and encrypted
 # messages both ways (one in fragments each way), a retransmission, a loss of
 # the link and its return. Sourced by capture_e2e.sh after lib.sh; leaves

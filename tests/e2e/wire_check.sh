@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Every end-to-end session on the link is captured in the AP's namespace and
 # read back when the test ends: each datagram dissects as tovrin in tshark
 # without a Lua error or dissector exception, and tovrin-pcap (with the key the
