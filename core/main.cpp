@@ -6,7 +6,6 @@
 #include "core/log_rule.h"
 #include "core/signals.h"
 #include "core/startup.h"
-#include "link/send_queue.h"
 #include "platform/eloop.h"
 #include "tovrin_version.h"
 
@@ -43,9 +42,7 @@ int main(int argc, char **argv) {
     TOVRIN_LOG(TOVRIN_LOG_DBG, ">>>%s\n", "main");
     vk_eloop_init(nullptr);
     tovrin_signals_init();
-    tovrin_send_queue_configure(std::getenv("TOVRIN_SEND_QUEUE_MAX"));
-    tovrin_init_struct();
-    tovrin_vk_ipc_init();
+    tovrin_start(std::getenv("TOVRIN_SEND_QUEUE_MAX"));
     vk_eloop_run();
     TOVRIN_LOG(TOVRIN_LOG_NOTE, "<<<%s Terminated???\n", "main");
     return 1;

@@ -9,11 +9,12 @@
 #include "core/counters.h"
 #include "core/log_rule.h"
 #include "link/record.h"
+#include "link/send_queue.h"
+#include "session/keepalive.h"
 #include "platform/eloop.h"
 #include "platform/sysmon.h"
 
 vk_ipc_handle_t tovrin_ipc;
-tovrin_link_t tovrin_gbl;
 
 void tovrin_init_struct(void) {
     TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s\n", "tovrin_init_struct");
@@ -23,6 +24,12 @@ void tovrin_init_struct(void) {
     tovrin_gbl.sock = -1;
     for (tovrin_ka_rate_t &slot : ka_rate_arr) slot.app_id = -1;
     TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s\n", "tovrin_init_struct");
+}
+
+int tovrin_start(const char *queue_max_text) {
+    tovrin_send_queue_configure(queue_max_text);
+    tovrin_init_struct();
+    return tovrin_vk_ipc_init();
 }
 
 int tovrin_vk_ipc_init(void) {

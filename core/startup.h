@@ -7,6 +7,11 @@ extern vk_ipc_handle_t tovrin_ipc;
 
 // Start values of the link record and the keepalive rate table.
 void tovrin_init_struct(void);
+// The daemon's own start, as main() does it once the log and the event loop
+// are set up: the send queue's bound (from queue_max_text, null for the
+// default), the start values and the IPC endpoint. Returns the handshake's
+// result; ends the process as tovrin_vk_ipc_init does.
+int tovrin_start(const char *queue_max_text);
 // Opens "/vk/ipc/tovrin", registers it with the event loop and greets the
 // system monitor; returns the handshake's result. Ends the process with status
 // 1 when the endpoint cannot be opened.

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "core/ipc_codes.h"
+#include "core/reset.h"
 #include "core/startup.h"
 #include "link/cipher.h"
 #include "link/protect.h"
@@ -56,22 +57,12 @@ void fail(const char *what, const char *file, int line) {
 
 void begin(bool verbose) {
     sim::reset();
-    std::memset(&tovrin_gbl, 0, sizeof tovrin_gbl);
-    std::memset(&tovrin_ipc, 0, sizeof tovrin_ipc);
-    tovrin_iv_count = 0;
-    tovrin_msg_id = TOVRIN_MSG_ID_START;
-    tovrin_send_queue_configure(nullptr);
-    vk_log_conf_data[0] = 1;
+    tovrin_reset_state();
     vk_log_conf_data[VK_LOG_W_LEVEL] = verbose ? 4 : 0;
-    vk_log_conf_data[VK_LOG_W_ECHO] = 0;
-    vk_log_conf_data[VK_LOG_W_MAXSIZE] = static_cast<int32_t>(VK_LOG_DEFAULT_MAXSIZE);
     log_file_name = verbose ? null_stream() : nullptr;
     if (log_file_name != nullptr) std::rewind(log_file_name);
-    cur_log_size = 0;
-    tovrin_backlog_clear();
     vk_eloop_init(nullptr);
-    tovrin_init_struct();
-    tovrin_vk_ipc_init();
+    tovrin_start(nullptr);
     sim::settle();
 }
 
@@ -104,9 +95,7 @@ void check_state() {
 
 void end() {
     check_state();
-    while (tovrin_gbl.comm.head != nullptr) tovrin_complete_send_msg(&tovrin_gbl, tovrin_gbl.comm.head);
-    FZ_CHECK(tovrin_gbl.comm.msg_cnt == 0);
-    log_file_name = nullptr;
+    tovrin_reset_state();
     sim::reset();
 }
 

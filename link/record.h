@@ -62,12 +62,7 @@ struct tovrin_link_t {
     int32_t encrypt_state;   // 1 encrypts new outgoing messages
 };
 
+// The link record, defined in link/record.cpp; start values from
+// tovrin_init_struct (core/startup.cpp).
 extern tovrin_link_t tovrin_gbl;
 
-// Keepalive rate table: sorted by rate, used slots first, app_id -1 = free.
-inline constexpr int TOVRIN_KA_SLOTS = 10;
-struct tovrin_ka_rate_t {
-    int32_t app_id;
-    uint32_t rate;
-};
-extern tovrin_ka_rate_t ka_rate_arr[TOVRIN_KA_SLOTS];

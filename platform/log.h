@@ -16,6 +16,9 @@ inline constexpr uint32_t VK_LOG_DEFAULT_MAXSIZE = 1048576;
 // Notable events, no per-datagram traces.
 inline constexpr int32_t VK_LOG_DEFAULT_LEVEL = 3;
 
+// The record's words at process start.
+inline constexpr int32_t VK_LOG_CONF_START[VK_LOG_CONF_WORDS] = {1, 0, VK_LOG_DEFAULT_LEVEL, 0, 0, int32_t(VK_LOG_DEFAULT_MAXSIZE)};
+
 extern int32_t vk_log_conf_data[VK_LOG_CONF_WORDS];
 extern FILE *log_file_name;     // open log stream, or null
 extern uint32_t cur_log_size;   // bytes written since the last rewind

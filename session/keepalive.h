@@ -3,6 +3,15 @@
 #include <cstddef>
 #include <cstdint>
 
+// Keepalive rate table: sorted by rate, used slots first, app_id -1 = free.
+// Owned here (session/keepalive.cpp); emptied at start by tovrin_init_struct.
+inline constexpr int TOVRIN_KA_SLOTS = 10;
+struct tovrin_ka_rate_t {
+    int32_t app_id;
+    uint32_t rate;
+};
+extern tovrin_ka_rate_t ka_rate_arr[TOVRIN_KA_SLOTS];
+
 inline constexpr std::size_t TOVRIN_KA_REQ_LEN = 48;  // frame header and 36-byte payload
 inline constexpr uint32_t TOVRIN_KA_RATE_DEFAULT = 5000;  // ms
 inline constexpr uint32_t TOVRIN_KA_MISS_MAX = 3;

@@ -13,7 +13,8 @@
 #include <cstring>
 #include <initializer_list>
 
-int32_t vk_log_conf_data[VK_LOG_CONF_WORDS] = {1, 0, VK_LOG_DEFAULT_LEVEL, 0, 0, int32_t(VK_LOG_DEFAULT_MAXSIZE)};
+int32_t vk_log_conf_data[VK_LOG_CONF_WORDS] = {VK_LOG_CONF_START[0], VK_LOG_CONF_START[1], VK_LOG_CONF_START[2],
+                                               VK_LOG_CONF_START[3], VK_LOG_CONF_START[4], VK_LOG_CONF_START[5]};
 FILE *log_file_name = nullptr;
 uint32_t cur_log_size = 0;
 

@@ -7,6 +7,7 @@
 #include "core/ipc_cmds.h"
 #include "core/log_rule.h"
 #include "core/startup.h"
+#include "session/keepalive.h"
 #include "platform/log.h"
 #include "world.h"
 

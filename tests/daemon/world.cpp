@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "core/ipc_codes.h"
+#include "core/reset.h"
 #include "core/startup.h"
 #include "link/cipher.h"
 #include "link/protect.h"
@@ -68,28 +69,19 @@ void World::SetUp() {
     log_dir_ = tmpl;
     setenv("VK_LOG_DIR", log_dir_.c_str(), 1);
     setenv("VK_LOG_LEVEL", "4", 1);  // the tests read debug lines too
-    std::memset(&tovrin_gbl, 0, sizeof tovrin_gbl);
-    std::memset(&tovrin_ipc, 0, sizeof tovrin_ipc);
-    tovrin_iv_count = 0;
-    tovrin_msg_id = TOVRIN_MSG_ID_START;
-    tovrin_send_queue_configure(nullptr);
+    tovrin_reset_state();
     VK_LOG_INIT("TOVRIN", 4, 0);
     vk_log_conf_data[VK_LOG_W_ECHO] = 0;
-    tovrin_backlog_clear();
     vk_eloop_init(nullptr);
-    tovrin_init_struct();
-    tovrin_vk_ipc_init();
+    tovrin_start(nullptr);
     sim::settle();
     clear_captures();
 }
 
 void World::TearDown() {
-    // Messages still queued belong to the queue: free them on its own path.
-    while (tovrin_gbl.comm.head != nullptr) tovrin_complete_send_msg(&tovrin_gbl, tovrin_gbl.comm.head);
-    if (log_file_name != nullptr) {
-        std::fclose(log_file_name);
-        log_file_name = nullptr;
-    }
+    FILE *log = log_file_name;  // ours: the reset forgets it
+    tovrin_reset_state();
+    if (log != nullptr) std::fclose(log);
     std::string cmd = "rm -rf '" + log_dir_ + "'";
     if (std::system(cmd.c_str()) != 0) ADD_FAILURE() << "cannot remove " << log_dir_;
     sim::reset();

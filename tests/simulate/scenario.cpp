@@ -14,6 +14,7 @@
 #include "controller.h"
 #include "core/counters.h"
 #include "core/ipc_codes.h"
+#include "core/reset.h"
 #include "core/startup.h"
 #include "link/protect.h"
 #include "link/record.h"
@@ -179,18 +180,10 @@ void Run::notify(uint32_t type, const std::vector<uint8_t> &payload, const std::
 
 void Run::start_daemon() {
     sim::reset();
-    std::memset(&tovrin_gbl, 0, sizeof tovrin_gbl);
-    std::memset(&tovrin_ipc, 0, sizeof tovrin_ipc);
-    tovrin_iv_count = 0;
-    tovrin_msg_id = TOVRIN_MSG_ID_START;
-    tovrin_send_queue_configure(nullptr);
-    vk_log_conf_data[VK_LOG_W_LEVEL] = 0;
-    vk_log_conf_data[VK_LOG_W_ECHO] = 0;
-    log_file_name = nullptr;
-    tovrin_backlog_clear();
+    tovrin_reset_state();
+    vk_log_conf_data[VK_LOG_W_LEVEL] = 0;  // no file, and no line formatted
     vk_eloop_init(nullptr);
-    tovrin_init_struct();
-    tovrin_vk_ipc_init();
+    tovrin_start(nullptr);
     sim::settle();
 }
 
@@ -573,8 +566,8 @@ Outcome run_seed(uint64_t seed) {
         o.ok = false;
         o.why = e.what();
     }
-    // The queue's own path frees what a failed run left behind.
-    while (tovrin_gbl.comm.head != nullptr) tovrin_complete_send_msg(&tovrin_gbl, tovrin_gbl.comm.head);
+    // Frees what a failed run left behind.
+    tovrin_reset_state();
     sim::reset();
     o.stats = r.stats;
     return o;

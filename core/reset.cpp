@@ -1,0 +1,29 @@
+#include "core/reset.h"
+
+#include <cstring>
+
+#include "core/startup.h"
+#include "link/protect.h"
+#include "link/record.h"
+#include "link/send_queue.h"
+#include "platform/log.h"
+#include "relay/backlog.h"
+#include "relay/relay.h"
+#include "session/keepalive.h"
+
+void tovrin_reset_state(void) {
+    // The queue frees its messages itself, and needs its links intact to do it.
+    while (tovrin_gbl.comm.head != nullptr) tovrin_complete_send_msg(&tovrin_gbl, tovrin_gbl.comm.head);
+    tovrin_backlog_clear();
+
+    std::memset(&tovrin_gbl, 0, sizeof tovrin_gbl);
+    std::memset(ka_rate_arr, 0, sizeof ka_rate_arr);
+    std::memset(&tovrin_ipc, 0, sizeof tovrin_ipc);
+    tovrin_iv_count = 0;
+    tovrin_msg_id = TOVRIN_MSG_ID_START;
+    tovrin_send_queue_max = TOVRIN_SEND_QUEUE_DEFAULT;
+
+    std::memcpy(vk_log_conf_data, VK_LOG_CONF_START, sizeof vk_log_conf_data);
+    log_file_name = nullptr;
+    cur_log_size = 0;
+}
