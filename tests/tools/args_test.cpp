@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tools/tovrinctl/args.h"
+#include "tools/tovrinctl/table.h"
 
 namespace tovrinctl {
 namespace {
@@ -159,6 +160,18 @@ TEST(TovrinctlArgs, AcceptsEachCommandWithItsOperands)
              ASSERT_EQ(o.warnings.size(), 1u);
              EXPECT_NE(o.warnings[0].find("2 bytes"), std::string::npos) << o.warnings[0];
          }},
+        {{"key", "000102030405060708090a0b0c0d0e0f1011121314"},
+         [](const options_t &o) {
+             ASSERT_EQ(o.warnings.size(), 1u);
+             EXPECT_NE(o.warnings[0].find("21 bytes; the daemon keeps keys of up to 20 bytes, refuses"),
+                       std::string::npos) << o.warnings[0];
+         }},
+        {{"key", "000102030405060708090a0b0c0d0e0f10111213"},
+         [](const options_t &o) {
+             ASSERT_EQ(o.warnings.size(), 1u);
+             EXPECT_NE(o.warnings[0].find("20 bytes; the daemon keeps up to 20 but only a 16-byte key works"),
+                       std::string::npos) << o.warnings[0];
+         }},
         {{"encrypt", "-1"}, [](const options_t &o) { EXPECT_EQ(o.state, -1); }},
         {{"encrypt", "-2147483648"}, [](const options_t &o) { EXPECT_EQ(o.state, INT32_MIN); }},
         {{"notify", "0x7c"},
@@ -239,6 +252,29 @@ TEST(TovrinctlArgs, AcceptsEachCommandWithItsOperands)
         SCOPED_TRACE(shown);
         c.check(r.opts);
     }
+}
+
+// The usage text is made from the command table: every row is listed with its
+// form and help, and the words of every row reach that row's parser.
+TEST(TovrinctlArgs, UsageListsEveryCommandOfTheTable)
+{
+    const std::string usage(usage_text());
+    ASSERT_GE(command_table().size(), 12u);
+    for (const command_spec_t &c : command_table()) {
+        const std::string line = "\n  " + std::string(c.usage);
+        EXPECT_NE(usage.find(line), std::string::npos) << c.usage;
+        const std::string help_start(c.help.substr(0, c.help.find('\n')));
+        EXPECT_NE(usage.find(help_start, usage.find(line)), std::string::npos) << c.help;
+        std::vector<std::string> words{std::string(c.name)};
+        if (!c.sub.empty())
+            words.emplace_back(c.sub);
+        const parse_result_t r = parse(words);
+        if (r.kind == parse_kind_t::ok)
+            EXPECT_EQ(r.opts.cmd, c.cmd) << c.usage;
+        else
+            EXPECT_EQ(r.error.find("unknown command"), std::string::npos) << c.usage << ": " << r.error;
+    }
+    EXPECT_NE(usage.find("Endpoint ids: 101 102 105 106 107 108 109."), std::string::npos);
 }
 
 TEST(TovrinctlArgs, NumbersAreDecimalOrHexWithinTheirRange)

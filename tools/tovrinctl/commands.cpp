@@ -15,6 +15,7 @@
 #include "tools/tovrinctl/endpoints.h"
 #include "tools/tovrinctl/ipc_io.h"
 #include "tools/tovrinctl/stats_format.h"
+#include "tools/tovrinctl/table.h"
 
 namespace tovrinctl {
 
@@ -120,6 +121,8 @@ int notify(const options_t &o, uint32_t type, bytes_t payload)
     return send_to_daemon(ep, o, type, VK_IPC_F_NOTIFY, payload) ? 0 : 1;
 }
 
+}  // namespace
+
 int run_request(const options_t &o)
 {
     ipc_endpoint ep;
@@ -223,6 +226,8 @@ int run_listen(const options_t &o)
     }
 }
 
+namespace {
+
 bool read_data(const options_t &o, std::vector<uint8_t> &data)
 {
     if (!o.data_from_file) {
@@ -244,6 +249,8 @@ bool read_data(const options_t &o, std::vector<uint8_t> &data)
     data.resize(static_cast<std::size_t>(in.gcount()));
     return true;
 }
+
+}  // namespace
 
 int run_send(const options_t &o)
 {
@@ -288,34 +295,12 @@ int run_send(const options_t &o)
     return failed ? 1 : 0;
 }
 
-}  // namespace
+int run_key(const options_t &o) { return notify(o, TOVRIN_IPC_SET_KEY, encode_key(o.bytes)); }
+int run_encrypt(const options_t &o) { return notify(o, TOVRIN_IPC_SET_ENCRYPT, encode_encrypt(o.state)); }
+int run_controller(const options_t &o) { return notify(o, TOVRIN_IPC_CTRL_IP, o.addr); }
+int run_karate(const options_t &o) { return notify(o, TOVRIN_IPC_KARATE, encode_karate(o.app_id, o.rate)); }
+int run_notify(const options_t &o) { return notify(o, o.code, o.bytes); }
 
-int run_command(const options_t &o)
-{
-    switch (o.cmd) {
-    case command_t::status:
-    case command_t::log_get:
-    case command_t::log_set:
-    case command_t::dump:
-    case command_t::stats:
-    case command_t::request:
-        return run_request(o);
-    case command_t::key:
-        return notify(o, TOVRIN_IPC_SET_KEY, encode_key(o.bytes));
-    case command_t::encrypt:
-        return notify(o, TOVRIN_IPC_SET_ENCRYPT, encode_encrypt(o.state));
-    case command_t::notify:
-        return notify(o, o.code, o.bytes);
-    case command_t::controller:
-        return notify(o, TOVRIN_IPC_CTRL_IP, o.addr);
-    case command_t::karate:
-        return notify(o, TOVRIN_IPC_KARATE, encode_karate(o.app_id, o.rate));
-    case command_t::listen:
-        return run_listen(o);
-    case command_t::send:
-        return run_send(o);
-    }
-    return 1;
-}
+int run_command(const options_t &o) { return command_spec(o.cmd).run(o); }
 
 }  // namespace tovrinctl

@@ -3,6 +3,7 @@
 // own copy of this table; the two must list the same ids and paths.
 #include <array>
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 namespace tovrinctl {
@@ -29,6 +30,15 @@ constexpr std::string_view endpoint_path(int32_t id)
         if (e.id == id)
             return e.path;
     return {};
+}
+
+// The known ids, separated by spaces, for usage and error lines.
+inline std::string endpoint_ids()
+{
+    std::string s;
+    for (const endpoint_t &e : ENDPOINTS)
+        s += (s.empty() ? "" : " ") + std::to_string(e.id);
+    return s;
 }
 
 }  // namespace tovrinctl

@@ -1,0 +1,27 @@
+#pragma once
+// Parsers of each command's operands, named in the command table
+// (tools/tovrinctl/table.cpp). Pure: they read no files and touch no sockets.
+#include <string>
+#include <string_view>
+
+#include "tools/tovrinctl/table.h"
+
+namespace tovrinctl {
+
+// Marks r as a usage error with msg; returns false.
+bool usage_error(parse_result_t &r, std::string msg);
+// s in single quotes, for error lines.
+std::string quoted(std::string_view s);
+
+// Each: the operands w (command word first) of row c into r.opts, or false.
+bool parse_no_operands(parse_result_t &r, const words_t &w, const command_spec_t &c);
+bool parse_log_set(parse_result_t &r, const words_t &w, const command_spec_t &c);
+bool parse_key(parse_result_t &r, const words_t &w, const command_spec_t &c);
+bool parse_encrypt(parse_result_t &r, const words_t &w, const command_spec_t &c);
+bool parse_raw(parse_result_t &r, const words_t &w, const command_spec_t &c);
+bool parse_controller(parse_result_t &r, const words_t &w, const command_spec_t &c);
+bool parse_karate(parse_result_t &r, const words_t &w, const command_spec_t &c);
+bool parse_listen(parse_result_t &r, const words_t &w, const command_spec_t &c);
+bool parse_send(parse_result_t &r, const words_t &w, const command_spec_t &c);
+
+}  // namespace tovrinctl
