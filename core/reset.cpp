@@ -23,7 +23,5 @@ void tovrin_reset_state(void) {
     tovrin_msg_id = TOVRIN_MSG_ID_START;
     tovrin_send_queue_max = TOVRIN_SEND_QUEUE_DEFAULT;
 
-    std::memcpy(vk_log_conf_data, VK_LOG_CONF_START, sizeof vk_log_conf_data);
-    log_file_name = nullptr;
-    cur_log_size = 0;
+    VK_LOG_RESET();
 }

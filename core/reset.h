@@ -5,8 +5,8 @@
 
 // Frees the queued messages on the send queue's own path, drops what waits
 // for busy endpoints, then sets every global of core/, link/, session/ and
-// relay/ and the log library's record to its value at process start. The log
-// stream is forgotten, not closed: its opener closes it. Sockets and timers
+// relay/ to its value at process start, and the log library's with
+// VK_LOG_RESET (the stream is forgotten, not closed: its opener closes it). Sockets and timers
 // belong to the platform, which its own init (vk_eloop_init, sim::reset) clears.
 //
 // A new global of the daemon must be reset here too:

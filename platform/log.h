@@ -33,6 +33,10 @@ void VK_LOG_INIT(const char *module, int level, int echo);
 // Closes the log file and opens the same path anew, appending, under the lock
 // (after an outside tool moved the old file away). 0, or -1 without a file.
 int VK_LOG_REOPEN(void);
+// Back to the state at process start, closing nothing: the stream is its
+// opener's to close, and the path kept for a reopen is forgotten. For a
+// process that starts the daemon again (tests, fuzz targets, simulation).
+void VK_LOG_RESET(void);
 // Fills msg->len (24) and the payload with the six words, host order.
 void VK_LOG_GET_CFG(vk_ipc_msg_t *msg);
 // Installs words 2, 3 and 5 of a 24-byte payload in the same form.

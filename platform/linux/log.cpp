@@ -129,6 +129,13 @@ void VK_LOG_INIT(const char *module, int /*level*/, int echo) {
     log_file_name = stream_at_end(rotate_and_open(log_path_now));
 }
 
+void VK_LOG_RESET(void) {
+    std::memcpy(vk_log_conf_data, VK_LOG_CONF_START, sizeof vk_log_conf_data);
+    log_file_name = nullptr;
+    cur_log_size = 0;
+    log_path_now[0] = '\0';
+}
+
 int VK_LOG_REOPEN(void) {
     if (log_path_now[0] == '\0') return -1;
     close_log();
