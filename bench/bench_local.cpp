@@ -17,31 +17,25 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "bench/bench_common.h"
+#include "core/ipc_codes.h"
 #include "platform/ipc.h"
 #include "relay/app_msg.h"
+#include "relay/endpoint_table.h"
 
 namespace {
 
-constexpr uint32_t IPC_SEND_MSG = 122;
 constexpr int64_t NS = 1000000000;
 
 const char *ep_path(long id) {
-    switch (id) {
-    case 101: return "/vk/ipc/gelvar";
-    case 102: return "/vk/ipc/hostun";
-    case 105: return "/vk/ipc/prindal";
-    case 106: return "/vk/ipc/quelon";
-    case 107: return "/vk/ipc/rastim";
-    case 108: return "/vk/ipc/sorvek";
-    case 109: return "/vk/ipc/tumbel";
-    default: return nullptr;
-    }
+    const tovrin_app_ep_t *ep = id >= INT32_MIN && id <= INT32_MAX ? tovrin_app_ep_find(static_cast<int32_t>(id)) : nullptr;
+    return ep != nullptr ? ep->path : nullptr;
 }
 
 bool open_ep(vk_ipc_handle_t &h, long id) {
@@ -51,7 +45,7 @@ bool open_ep(vk_ipc_handle_t &h, long id) {
         return false;
     }
     std::memset(&h, 0, sizeof h);
-    std::strncpy(h.path, p, sizeof h.path - 1);
+    std::snprintf(h.path, sizeof h.path, "%s", p);
     if (vk_ipc_open(&h) != 0) {
         std::fprintf(stderr, "bench-local: cannot open %s: %s\n", p, std::strerror(errno));
         return false;
@@ -81,7 +75,7 @@ struct sender {
     vk_ipc_msg_t msg{};
     vk_ipc_send_desc_t desc{};
     sender(vk_ipc_handle_t *handle, long from, std::size_t size) : h(handle) {
-        msg.type = IPC_SEND_MSG;
+        msg.type = TOVRIN_IPC_SEND_MSG;
         msg.flags = VK_IPC_F_NOTIFY;
         tovrin_app_msg_t a{};
         a.src_ep = int32_t(from);

@@ -152,9 +152,8 @@ void app_send(int32_t src, int32_t dst, uint32_t flags, uint32_t id, const std::
 }
 
 std::string endpoint_path(int32_t id) {
-    for (const tovrin_app_ep_t *ep = app_ep; ep->id != -1; ++ep)
-        if (ep->id == id) return ep->path;
-    return "";
+    const tovrin_app_ep_t *ep = tovrin_app_ep_find(id);
+    return ep != nullptr ? ep->path : "";
 }
 
 }  // namespace fz

@@ -7,16 +7,10 @@
 #include "core/startup.h"
 #include "relay/backlog.h"
 
-const tovrin_app_ep_t app_ep[8] = {
-    {101, "/vk/ipc/gelvar"}, {102, "/vk/ipc/hostun"}, {105, "/vk/ipc/prindal"}, {106, "/vk/ipc/quelon"},
-    {107, "/vk/ipc/rastim"}, {108, "/vk/ipc/sorvek"}, {109, "/vk/ipc/tumbel"},  {-1, ""},
-};
-
 void tovrin_send_app(int32_t e, const tovrin_app_msg_t *h, const uint8_t *data) {
     static constexpr const char *fn = "tovrin_send_app";
-    const tovrin_app_ep_t *ep = app_ep;
-    while (ep->id != e && ep->id != -1) ++ep;
-    if (ep->id == -1) {
+    const tovrin_app_ep_t *ep = tovrin_app_ep_find(e);
+    if (ep == nullptr) {
         tovrin_refused(TOVRIN_REFUSED_APP_UNKNOWN_ENDPOINT);
         if (h->flags & TOVRIN_MSG_F_FROM_CTRL) ++tovrin_counters.down_messages_dropped;
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Msg flag 0x%08x from Unknown endpoint %d\n", fn, h->flags, e);

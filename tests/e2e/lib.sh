@@ -109,6 +109,7 @@ start_listen() {
     done
     return 1
 }
+# The ids and paths of relay/endpoint_table.h (tests/tools/endpoint_table_test.cpp checks).
 endpoint_path() {
     case $1 in
     101) echo /vk/ipc/gelvar ;; 102) echo /vk/ipc/hostun ;; 105) echo /vk/ipc/prindal ;;

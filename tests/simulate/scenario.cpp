@@ -25,7 +25,7 @@
 #include "platform/log.h"
 #include "relay/app_msg.h"
 #include "relay/backlog.h"
-#include "relay/endpoints.h"
+#include "relay/endpoint_table.h"
 #include "relay/relay.h"
 #include "session/keepalive.h"
 #include "session/registration.h"
@@ -52,7 +52,8 @@ constexpr uint64_t kSec = 1000000;
 // Once faults stop, the link must be up within the longest registration
 // interval, one keepalive period and the transit of the answer.
 constexpr uint64_t kRecovery = 16 * kSec + 1 * kSec + 500 * kMs;
-constexpr int32_t kEndpoints[] = {101, 102, 105, 106, 107, 108, 109};
+// The known endpoint at index i of the table.
+int32_t endpoint_at(uint64_t i) { return app_ep[i].id; }
 
 struct Failure : std::runtime_error {
     using std::runtime_error::runtime_error;
@@ -74,9 +75,8 @@ uint32_t ip_of(uint8_t a, uint8_t b, uint8_t c, uint8_t d) {
 }
 
 std::string path_of(int32_t id) {
-    for (const tovrin_app_ep_t *ep = app_ep; ep->id != -1; ++ep)
-        if (ep->id == id) return ep->path;
-    return "";
+    const tovrin_app_ep_t *ep = tovrin_app_ep_find(id);
+    return ep != nullptr ? ep->path : "";
 }
 
 uint64_t load64le(const uint8_t *p) {
@@ -243,7 +243,7 @@ void Run::schedule() {
     }
     // Local endpoints that disappear for a while.
     for (int i = static_cast<int>(rnd(0, 3)); i > 0; --i) {
-        const std::string path = path_of(kEndpoints[rnd(0, 6)]);
+        const std::string path = path_of(endpoint_at(rnd(0, TOVRIN_APP_EP_COUNT - 1)));
         const uint64_t s = rnd(0, faults_end_ / kSec - 1) * kSec;
         at(s, [path] { sim::ipc_set_missing(path, true); });
         at(std::min(faults_end_, s + rnd(1, 30) * kSec), [path] { sim::ipc_set_missing(path, false); });
@@ -251,7 +251,7 @@ void Run::schedule() {
     // Local endpoints that read nothing for a while (their queue full), for
     // less than the two seconds after which a waiting message is given up.
     for (int i = static_cast<int>(rnd(0, 4)); i > 0; --i) {
-        const std::string path = path_of(kEndpoints[rnd(0, 6)]);
+        const std::string path = path_of(endpoint_at(rnd(0, TOVRIN_APP_EP_COUNT - 1)));
         const uint64_t s = rnd(0, faults_end_ / kMs - 1) * kMs;
         at(s, [path] { sim::ipc_set_full(path, true); });
         at(std::min(faults_end_, s + rnd(1, 1900) * kMs), [path] { sim::ipc_set_full(path, false); });
@@ -296,7 +296,7 @@ void Run::schedule() {
     for (uint64_t t = rnd(0, 3000) * kMs; t < sends_end_; t += rnd(1, 2 * ctrl_gap)) {
         at(t, [this] {
             // Mostly known endpoints; 103 is not in the table and must be dropped.
-            const int32_t dst = coin(0.05) ? 103 : kEndpoints[rnd(0, 6)];
+            const int32_t dst = coin(0.05) ? 103 : endpoint_at(rnd(0, TOVRIN_APP_EP_COUNT - 1));
             const std::size_t n = coin(0.05) ? rnd(8, 16300) : rnd(8, 3000);
             std::vector<uint8_t> data(n);
             for (auto &b : data) b = static_cast<uint8_t>(rng_());
@@ -310,7 +310,7 @@ void Run::local_send() {
     const uint32_t uid = next_uid_++;
     LocalMsg m;
     // Sometimes from an id the table lacks: such a sender can get no answer.
-    m.src = coin(0.03) ? 104 : kEndpoints[rnd(0, 6)];
+    m.src = coin(0.03) ? 104 : endpoint_at(rnd(0, TOVRIN_APP_EP_COUNT - 1));
     m.dst = static_cast<int32_t>(rnd(300, 310));
     const double r = std::uniform_real_distribution<double>(0, 1)(rng_);
     m.flags = r < 0.6 ? TOVRIN_MSG_F_ACK_REQ : r < 0.85 ? (TOVRIN_MSG_F_ACK_REQ | TOVRIN_MSG_F_SYNC) : 0;
