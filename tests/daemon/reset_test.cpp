@@ -64,7 +64,7 @@ const std::set<std::string> kScratch = {
 const std::vector<std::pair<std::string, std::function<bool()>>> kThroughFunctions = {
     {"(anonymous namespace)::backlog()::b",  // relay/backlog.cpp: nothing waits, no byte counted
      [] { return tovrin_backlog_count() == 0 && tovrin_backlog_has_room(TOVRIN_BACKLOG_MAX_BYTES - VK_IPC_HDR_LEN); }},
-    {"(anonymous namespace)::log_path_now",  // platform/linux/log.cpp: no path to reopen
+    {"(anonymous namespace)::log_path_now",  // platform/log.cpp: no path to reopen
      [] { return VK_LOG_REOPEN() == -1; }},
 };
 
