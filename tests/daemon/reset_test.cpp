@@ -68,21 +68,28 @@ const std::vector<std::pair<std::string, std::function<bool()>>> kThroughFunctio
      [] { return VK_LOG_REOPEN() == -1; }},
 };
 
-// Writable data symbols defined in the daemon's libraries.
+// Writable data objects defined in the daemon's libraries: objdump's symbol
+// table with sections, since pointer constants land in .data.rel.ro.
 std::set<std::string> data_symbols() {
     std::set<std::string> out;
-    const std::string cmd = std::string("nm -C --defined-only ") + TOVRIN_GLOBALS_LIBS;
+    const std::string cmd = std::string("objdump -t -C ") + TOVRIN_GLOBALS_LIBS;
     FILE *p = popen(cmd.c_str(), "r");
     if (p == nullptr) return out;
-    char line[1024];
+    char line[2048];
     while (std::fgets(line, sizeof line, p) != nullptr) {
         std::string s(line);
         if (!s.empty() && s.back() == '\n') s.pop_back();
-        // "<address> <type> <name>"
+        // "<address> <7 flag characters> <section>\t<size> <name>"
         const std::size_t a = s.find(' ');
-        if (a == std::string::npos || a + 3 > s.size()) continue;
-        if (std::string("bBdD").find(s[a + 1]) == std::string::npos) continue;
-        const std::string name = s.substr(a + 3);
+        if (a == std::string::npos || s.size() < a + 10 || s[a + 7] != 'O') continue;
+        const std::size_t tab = s.find('\t', a + 9);
+        if (tab == std::string::npos) continue;
+        const std::string section = s.substr(a + 9, tab - a - 9);
+        const bool writable = (section.rfind(".data", 0) == 0 && section.rfind(".data.rel.ro", 0) != 0) ||
+                              section.rfind(".bss", 0) == 0;
+        const std::size_t sp = s.find(' ', tab + 1);
+        if (!writable || sp == std::string::npos) continue;
+        const std::string name = s.substr(sp + 1);
         // Compiler and sanitizer bookkeeping, not the daemon's state.
         if (name.rfind("guard variable for ", 0) == 0 || name.rfind("__", 0) == 0 || name.rfind(".", 0) == 0)
             continue;
