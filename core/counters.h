@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "platform/ipc.h"
+#include "relay/endpoint_table.h"
 
 // Why a datagram (from the controller, or a local IPC message) was refused.
 enum tovrin_refusal_t : uint32_t {
@@ -86,7 +87,7 @@ inline constexpr const char *tovrin_refusal_names[TOVRIN_REFUSAL_COUNT] = {
 inline constexpr uint32_t TOVRIN_STATS_VERSION = 1;
 // Local endpoints counted one by one: the endpoint table's seven, then one
 // slot for every other peer.
-inline constexpr std::size_t TOVRIN_STATS_ENDPOINTS = 8;
+inline constexpr std::size_t TOVRIN_STATS_ENDPOINTS = TOVRIN_APP_EP_COUNT + 1;
 
 struct tovrin_counters_t {
     // Layout of the record, so a reader built elsewhere can tell it apart.

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "core/counters.h"
 #include "core/startup.h"
 #include "link/protect.h"
 #include "link/record.h"
@@ -17,6 +18,7 @@ void tovrin_reset_state(void) {
     tovrin_backlog_clear();
 
     std::memset(&tovrin_gbl, 0, sizeof tovrin_gbl);
+    std::memset(&tovrin_counters, 0, sizeof tovrin_counters);
     std::memset(ka_rate_arr, 0, sizeof ka_rate_arr);
     std::memset(&tovrin_ipc, 0, sizeof tovrin_ipc);
     tovrin_iv_count = 0;

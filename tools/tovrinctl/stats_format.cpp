@@ -21,7 +21,7 @@ std::string controller_of(const tovrin_counters_t &c)
 // Endpoint labels in the daemon's slot order: the table's ids, then "other".
 std::string endpoint_label(std::size_t slot)
 {
-    return slot < ENDPOINTS.size() ? std::to_string(ENDPOINTS[slot].id) : "other";
+    return slot < TOVRIN_APP_EP_COUNT ? std::to_string(app_ep[slot].id) : "other";
 }
 
 // The plain counters, in the order every format prints them.
