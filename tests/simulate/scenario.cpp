@@ -259,7 +259,8 @@ void Run::schedule() {
     // Local endpoints open with a long queue that stop reading for a while:
     // mostly for less than the two seconds the daemon waits for one, now and
     // then for longer (it loses what waited for it, and nothing else may).
-    std::vector<int32_t> eps(std::begin(kEndpoints), std::end(kEndpoints));
+    std::vector<int32_t> eps;
+    for (std::size_t i = 0; i < TOVRIN_APP_EP_COUNT; ++i) eps.push_back(endpoint_at(i));
     for (int i = static_cast<int>(rnd(0, 2)); i > 0; --i) {
         const std::size_t k = rnd(0, eps.size() - 1);
         const int32_t ep = eps[k];
