@@ -32,53 +32,28 @@ bool take_option(parse_result_t &r, std::string_view cmd, std::string_view opt,
     options_t &o = r.opts;
     const bool listen = cmd == "listen";
     const bool send = cmd == "send";
-    if (opt == "--timeout" && listen) {
-        auto v = parse_u32(val);
-        if (!v || *v == 0)
-            return usage_error(r, "--timeout needs a number of seconds above 0, not " + quoted(val));
-        o.wait_s = *v;
-        return true;
-    }
-    if (opt == "--timeout") {
-        auto v = parse_u32(val);
-        if (!v || *v == 0)
-            return usage_error(r, "--timeout needs a number of milliseconds above 0, not " + quoted(val));
-        o.timeout_ms = *v;
-        return true;
-    }
+    if (opt == "--timeout" && listen)
+        return take_number(r, val, parse_u32, true, o.wait_s, "--timeout needs a number of seconds above 0");
+    if (opt == "--timeout")
+        return take_number(r, val, parse_u32, true, o.timeout_ms, "--timeout needs a number of milliseconds above 0");
     if (opt == "--path") {
         if (val.empty() || val[0] != '/' || val.size() >= VK_IPC_PATH_MAX)
             return usage_error(r, "--path needs an endpoint path starting with '/', shorter than 64 bytes");
         o.path = val;
         return true;
     }
-    if (opt == "--count" && listen) {
-        auto v = parse_u32(val);
-        if (!v || *v == 0)
-            return usage_error(r, "--count needs a number above 0, not " + quoted(val));
-        o.count = *v;
-        return true;
-    }
-    if (opt == "--from" && send) {
-        auto v = parse_i32(val);
-        if (!v)
-            return usage_error(r, "--from needs an endpoint id, not " + quoted(val));
-        o.from = *v;
-        return true;
-    }
+    if (opt == "--count" && listen)
+        return take_number(r, val, parse_u32, true, o.count, "--count needs a number above 0");
+    if (opt == "--from" && send)
+        return take_number(r, val, parse_i32, false, o.from, "--from needs an endpoint id");
     if (opt == "--name" && send) {
         if (val.size() >= TOVRIN_APP_NAME_LEN)
             return usage_error(r, "--name is limited to 63 bytes");
         o.name = val;
         return true;
     }
-    if (opt == "--id" && send) {
-        auto v = parse_u32(val);
-        if (!v)
-            return usage_error(r, "--id needs an unsigned 32-bit number, not " + quoted(val));
-        o.id = *v;
-        return true;
-    }
+    if (opt == "--id" && send)
+        return take_number(r, val, parse_u32, false, o.id, "--id needs an unsigned 32-bit number");
     if (opt == "--json" && (cmd == "status" || cmd == "stats")) {
         o.format = format_t::json;
         return true;

@@ -94,23 +94,16 @@ bool parse_key(parse_result_t &r, const words_t &w, const command_spec_t &c)
 
 bool parse_encrypt(parse_result_t &r, const words_t &w, const command_spec_t &c)
 {
-    if (!want_count(r, w, 2, c.usage))
-        return false;
-    auto v = parse_i32(w[1]);
-    if (!v)
-        return usage_error(r, "the state must be a signed 32-bit number, not " + quoted(w[1]));
-    r.opts.state = *v;
-    return true;
+    return want_count(r, w, 2, c.usage) &&
+           take_number(r, w[1], parse_i32, false, r.opts.state, "the state must be a signed 32-bit number");
 }
 
 bool parse_raw(parse_result_t &r, const words_t &w, const command_spec_t &c)
 {
     if (w.size() < 2 || w.size() > 3)
         return usage_error(r, "usage: " + std::string(c.usage));
-    auto v = parse_u32(w[1]);
-    if (!v)
-        return usage_error(r, "the type code must be an unsigned number, not " + quoted(w[1]));
-    r.opts.code = *v;
+    if (!take_number(r, w[1], parse_u32, false, r.opts.code, "the type code must be an unsigned number"))
+        return false;
     return w.size() == 2 || take_hex(r, w[2], VK_IPC_PAYLOAD_MAX, "the payload");
 }
 
@@ -127,17 +120,9 @@ bool parse_controller(parse_result_t &r, const words_t &w, const command_spec_t 
 
 bool parse_karate(parse_result_t &r, const words_t &w, const command_spec_t &c)
 {
-    if (!want_count(r, w, 3, c.usage))
-        return false;
-    auto app = parse_i32(w[1]);
-    auto rate = parse_u32(w[2]);
-    if (!app)
-        return usage_error(r, "the application id must be a signed 32-bit number, not " + quoted(w[1]));
-    if (!rate)
-        return usage_error(r, "the rate must be an unsigned 32-bit number, not " + quoted(w[2]));
-    r.opts.app_id = *app;
-    r.opts.rate = *rate;
-    return true;
+    return want_count(r, w, 3, c.usage) &&
+           take_number(r, w[1], parse_i32, false, r.opts.app_id, "the application id must be a signed 32-bit number") &&
+           take_number(r, w[2], parse_u32, false, r.opts.rate, "the rate must be an unsigned 32-bit number");
 }
 
 bool parse_listen(parse_result_t &r, const words_t &w, const command_spec_t &c)
@@ -156,10 +141,8 @@ bool parse_send(parse_result_t &r, const words_t &w, const command_spec_t &c)
     options_t &o = r.opts;
     if (!want_count(r, w, 3, c.usage))
         return false;
-    auto v = parse_i32(w[1]);
-    if (!v)
-        return usage_error(r, "the destination must be an endpoint id, not " + quoted(w[1]));
-    o.dst = *v;
+    if (!take_number(r, w[1], parse_i32, false, o.dst, "the destination must be an endpoint id"))
+        return false;
     o.data_from_file = !w[2].empty() && w[2][0] == '@';
     o.data = o.data_from_file ? w[2].substr(1) : w[2];
     if (o.data_from_file && o.data.empty())
