@@ -14,8 +14,8 @@
 #include <cerrno>
 #include <climits>
 #include <cstdint>
-#include <new>
-#include <vector>
+#include <cstdlib>
+#include <cstring>
 
 #include "platform/linux/eloop_clock.h"
 
@@ -45,7 +45,7 @@ struct Sock {
 constexpr uint64_t NS_PER_S = 1000000000;
 constexpr uint64_t NS_PER_US = 1000;
 constexpr uint64_t NS_PER_MS = 1000000;
-// Enough for the daemon's steady state; the vector only grows past it when full.
+// Enough for the daemon's steady state; the table only grows past it when full.
 constexpr std::size_t TIMEOUT_RESERVE = 256;
 constexpr int MAX_EVENTS = 32;
 // epoll tag of the signal pipe; a socket tag is never all ones since fds are >= 0.
@@ -67,10 +67,47 @@ bool terminating = false;
 bool have_pwait2 = true;
 uint64_t next_seq = 0;
 uint32_t next_gen = 0;
+// A table on the heap that doubles when full: a vector's interface, on plain
+// memory, as the daemon links without the C++ runtime. Growth that fails
+// returns false and leaves the table as it was. Records are trivially copyable.
+template <typename T> struct Table {
+    T *at = nullptr;
+    std::size_t size = 0, cap = 0;
+
+    T *begin() { return at; }
+    T *end() { return at + size; }
+    bool empty() const { return size == 0; }
+    T &back() { return at[size - 1]; }
+    void pop_back() { --size; }
+    void clear() { size = 0; }
+    bool reserve(std::size_t n) {
+        if (n <= cap) return true;
+        T *bigger = static_cast<T *>(std::realloc(at, n * sizeof(T)));
+        if (!bigger) return false;
+        at = bigger;
+        cap = n;
+        return true;
+    }
+    bool insert(T *pos, const T &t) {
+        const std::size_t i = std::size_t(pos - at);
+        if (size == cap && !reserve(cap ? cap * 2 : 8)) return false;
+        std::memmove(at + i + 1, at + i, (size - i) * sizeof(T));
+        at[i] = t;
+        ++size;
+        return true;
+    }
+    bool push_back(const T &t) { return insert(end(), t); }
+    void erase(T *first, T *last) {
+        std::memmove(first, last, std::size_t(end() - last) * sizeof(T));
+        size -= std::size_t(last - first);
+    }
+    void erase(T *pos) { erase(pos, pos + 1); }
+};
+
 // Latest expiry first, so the next one due sits at the back and firing it is a
 // pop_back; among equal expiries the earliest registered is nearest the back.
-std::vector<Timeout> timeouts;
-std::vector<Sock> socks;
+Table<Timeout> timeouts;
+Table<Sock> socks;
 vk_eloop_clock_fn clock_fn = nullptr;
 
 uint64_t monotonic_ns() {
@@ -83,7 +120,7 @@ uint64_t now_ns() { return clock_fn ? clock_fn() : monotonic_ns(); }
 
 uint64_t sock_tag(const Sock &r) { return (uint64_t(r.gen) << 32) | uint32_t(r.sock); }
 
-std::vector<Sock>::iterator find_sock(int sock) {
+Sock *find_sock(int sock) {
     return std::find_if(socks.begin(), socks.end(), [sock](const Sock &r) { return r.sock == sock; });
 }
 
@@ -96,9 +133,7 @@ int set_watch(int sock, Watch Sock::*w, const Watch &watch) {
     if (it == socks.end()) {
         if (!watch.handler) return 0;
         Sock r{sock, 0, {}, {}};
-        try {
-            socks.push_back(r);
-        } catch (const std::bad_alloc &) {
+        if (!socks.push_back(r)) {
             errno = ENOMEM;
             return -1;
         }
@@ -240,11 +275,7 @@ int vk_eloop_init(void *) {
     socks.clear();
     terminating = false;
     forget_signals();
-    try {
-        timeouts.reserve(TIMEOUT_RESERVE);
-    } catch (const std::bad_alloc &) {
-        return -1;
-    }
+    if (!timeouts.reserve(TIMEOUT_RESERVE)) return -1;
     epfd = epoll_create1(EPOLL_CLOEXEC);
     if (epfd < 0) return -1;
     // Caught rather than fatal: the loop returns and the daemon says why it stops.
@@ -309,9 +340,7 @@ int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs,
     // In front of every equal expiry: those were registered earlier and run first.
     auto pos = std::partition_point(timeouts.begin(), timeouts.end(),
                                     [due](const Timeout &o) { return o.due_ns > due; });
-    try {
-        timeouts.insert(pos, t);
-    } catch (const std::bad_alloc &) {
+    if (!timeouts.insert(pos, t)) {
         errno = ENOMEM;
         return -1;
     }

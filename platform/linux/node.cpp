@@ -6,19 +6,20 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "platform/linux/node_net.h"
 
 namespace {
 
 constexpr int MAC_TEXT_SIZE = 13;  // twelve hex digits and the NUL
+constexpr std::size_t LINE_MAX_LEN = 256;
 using Mac = std::array<uint8_t, 6>;
+using Path = std::array<char, PATH_MAX>;
 
 // An empty variable counts as unset.
 const char *env_value(const char *name) {
@@ -26,17 +27,23 @@ const char *env_value(const char *name) {
     return v && *v ? v : nullptr;
 }
 
-// The first line of a file without its line end; false when it cannot be read.
-bool first_line(const std::string &path, std::string &line) {
-    FILE *f = std::fopen(path.c_str(), "r");
+// The first line of a file without its line end, cut to LINE_MAX_LEN - 1
+// bytes, into line; false when it cannot be read.
+bool first_line(const char *path, std::array<char, LINE_MAX_LEN> &line) {
+    FILE *f = std::fopen(path, "r");
     if (!f) return false;
-    std::array<char, 256> buf{};
-    const bool ok = std::fgets(buf.data(), int(buf.size()), f) != nullptr;
+    line.fill('\0');
+    const bool ok = std::fgets(line.data(), int(line.size()), f) != nullptr;
     std::fclose(f);
     if (!ok) return false;
-    line = buf.data();
-    line.erase(std::min(line.find_first_of("\r\n"), line.size()));
+    line[std::strcspn(line.data(), "\r\n")] = '\0';
     return true;
+}
+
+// dir + "/" + name + tail into path; false when it does not fit.
+bool join(Path &path, const char *dir, const char *name, const char *tail) {
+    const int n = std::snprintf(path.data(), path.size(), "%s/%s%s", dir, name, tail);
+    return n >= 0 && std::size_t(n) < path.size();
 }
 
 int hex_digit(char c) {
@@ -48,8 +55,8 @@ int hex_digit(char c) {
 
 // "aa:bb:cc:dd:ee:ff" in either case; anything else (other address lengths
 // included) is no Ethernet address.
-bool parse_mac(const std::string &s, Mac &mac) {
-    if (s.size() != 17) return false;
+bool parse_mac(const char *s, Mac &mac) {
+    if (std::strlen(s) != 17) return false;
     for (std::size_t i = 0; i < mac.size(); ++i) {
         const int hi = hex_digit(s[3 * i]), lo = hex_digit(s[3 * i + 1]);
         if (hi < 0 || lo < 0 || (i < 5 && s[3 * i + 2] != ':')) return false;
@@ -59,45 +66,55 @@ bool parse_mac(const std::string &s, Mac &mac) {
 }
 
 // The interface's address; an all-zero one identifies nothing and counts as none.
-bool iface_mac(const std::string &net_dir, const std::string &name, Mac &mac) {
-    if (name.find('/') != std::string::npos) return false;
-    std::string text;
-    if (!first_line(net_dir + "/" + name + "/address", text) || !parse_mac(text, mac)) return false;
+bool iface_mac(const char *net_dir, const char *name, Mac &mac) {
+    if (std::strchr(name, '/')) return false;
+    Path path;
+    std::array<char, LINE_MAX_LEN> text;
+    if (!join(path, net_dir, name, "/address") || !first_line(path.data(), text) ||
+        !parse_mac(text.data(), mac))
+        return false;
     return std::any_of(mac.begin(), mac.end(), [](uint8_t b) { return b != 0; });
 }
 
-bool first_with_address(const std::string &net_dir, Mac &mac) {
-    DIR *d = opendir(net_dir.c_str());
+// The first interface in name order: every candidate is read and the one with
+// the smallest name that has an address is kept, so no list of names is held.
+bool first_with_address(const char *net_dir, Mac &mac) {
+    DIR *d = opendir(net_dir);
     if (!d) return false;
-    std::vector<std::string> names;
+    std::array<char, sizeof(dirent::d_name)> best{};
+    bool found = false;
     while (const dirent *e = readdir(d)) {
-        const std::string n = e->d_name;
-        if (n != "." && n != ".." && n != "lo") names.push_back(n);
+        const char *n = e->d_name;
+        if (!std::strcmp(n, ".") || !std::strcmp(n, "..") || !std::strcmp(n, "lo")) continue;
+        if (found && std::strcmp(n, best.data()) >= 0) continue;
+        Mac m;
+        if (!iface_mac(net_dir, n, m)) continue;
+        std::snprintf(best.data(), best.size(), "%s", n);
+        mac = m;
+        found = true;
     }
     closedir(d);
-    std::sort(names.begin(), names.end());
-    return std::any_of(names.begin(), names.end(),
-                       [&](const std::string &n) { return iface_mac(net_dir, n, mac); });
+    return found;
 }
 
-bool exists(const std::string &path) {
+bool exists(const char *path) {
     struct stat st;
-    return stat(path.c_str(), &st) == 0;
+    return stat(path, &st) == 0;
 }
 
 }  // namespace
 
 int vk_node_mac_from_net(const char *net_dir, const char *iface, char *buf, int size) {
     if (!buf || size < MAC_TEXT_SIZE) return -1;
-    const std::string dir = net_dir;
     Mac mac{};
+    Path wlan0;
     bool found;
     if (iface)
-        found = iface_mac(dir, iface, mac);
-    else if (exists(dir + "/wlan0"))
-        found = iface_mac(dir, "wlan0", mac);
+        found = iface_mac(net_dir, iface, mac);
+    else if (join(wlan0, net_dir, "wlan0", "") && exists(wlan0.data()))
+        found = iface_mac(net_dir, "wlan0", mac);
     else
-        found = first_with_address(dir, mac);
+        found = first_with_address(net_dir, mac);
     if (!found) return -1;
     std::snprintf(buf, std::size_t(size), "%02x%02x%02x%02x%02x%02x", mac[0], mac[1], mac[2], mac[3],
                   mac[4], mac[5]);
@@ -120,16 +137,16 @@ int vk_get_node_vap_mac(int, char *buf, int size) {
 int vk_get_node_serial_num(char *buf, int size) {
     if (!buf || size <= 0) return -1;
     std::memset(buf, 0, std::size_t(size));
-    std::string serial;
-    if (const char *v = env_value("VK_NODE_SERIAL")) {
-        serial = v;
-    } else {
+    std::array<char, LINE_MAX_LEN> line;
+    const char *serial = env_value("VK_NODE_SERIAL");
+    if (!serial) {
         const char *file = env_value("VK_NODE_SERIAL_FILE");
         // An unreadable or empty first line falls through to the next source.
-        if ((!first_line(file ? file : "/sys/class/dmi/id/product_serial", serial) || serial.empty()) &&
-            (!first_line("/etc/machine-id", serial) || serial.empty()))
+        if ((!first_line(file ? file : "/sys/class/dmi/id/product_serial", line) || !line[0]) &&
+            (!first_line("/etc/machine-id", line) || !line[0]))
             return -1;
+        serial = line.data();
     }
-    std::memcpy(buf, serial.data(), std::min(serial.size(), std::size_t(size)));
+    std::memcpy(buf, serial, std::min(std::strlen(serial), std::size_t(size)));
     return 0;
 }
