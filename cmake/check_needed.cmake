@@ -1,0 +1,28 @@
+# Fails when FILE's dynamic section needs a library outside ALLOWED (a list of
+# name prefixes): run after the device daemon is linked, so a build that would
+# pull the C++ runtime back in stops there.
+#   cmake -DREADELF=... -DFILE=... -DALLOWED="libc.so;libcrypto.so" -P check_needed.cmake
+execute_process(COMMAND ${READELF} -d ${FILE} OUTPUT_VARIABLE dyn RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "readelf failed on ${FILE}")
+endif()
+string(REGEX MATCHALL "\\(NEEDED\\)[^\n]*\\[[^]\n]*\\]" lines "${dyn}")
+set(names "")
+foreach(l ${lines})
+  string(REGEX REPLACE ".*\\[([^]]*)\\]" "\\1" n "${l}")
+  list(APPEND names ${n})
+  set(ok FALSE)
+  foreach(a ${ALLOWED})
+    string(FIND "${n}" "${a}" at)
+    if(at EQUAL 0)
+      set(ok TRUE)
+    endif()
+  endforeach()
+  if(NOT ok)
+    message(FATAL_ERROR "${FILE} needs ${n}; the device daemon may need only ${ALLOWED}")
+  endif()
+endforeach()
+if(NOT names)
+  message(FATAL_ERROR "${FILE}: no NEEDED entries found (not a dynamic executable?)")
+endif()
+message(STATUS "device daemon needs: ${names}")
