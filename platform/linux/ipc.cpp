@@ -139,7 +139,9 @@ void sender_path(const sockaddr_un &from, socklen_t flen, std::string_view root,
         const std::string_view name(from.sun_path + 1, max - 1);
         const std::size_t hash = name.rfind('#');
         if (!name.starts_with(SENDER_TAG) || hash == std::string_view::npos) return;
-        p = name.substr(SENDER_TAG.size(), hash - SENDER_TAG.size());
+        // Not substr: its range check throws, and the daemon has no C++ runtime.
+        // The tag holds no '#', so hash lies past it.
+        p = std::string_view(name.data() + SENDER_TAG.size(), hash - SENDER_TAG.size());
     }
     if (!root.empty() && p.starts_with(root)) p.remove_prefix(root.size());
     if (p.size() >= VK_IPC_PATH_MAX) return;
