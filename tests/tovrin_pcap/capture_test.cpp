@@ -131,6 +131,8 @@ TEST(TovrinPcapProgram, Transcripts) {
         {"datagrams too, as JSON, no summary", "--json --datagrams --no-summary " + good, 0,
          R"(\{"kind":"dgram","time":0\.000000,"dir":"AP->DRAV",[^\n]*"what":"REG-REQ [^\n]*\}\n)"
          R"(\{"kind":"dgram",[^\n]*\}\n\{"kind":"msg",[^\n]*"data":"captured"\}\n)"},
+        {"standard input", "--no-summary - < " + good, 0,
+         R"(0\.001000 AP->DRAV msg ap_trans=1 [^\n]* data="captured"\n)"},
         {"another port", "--port 6651 " + good, 0, R"(# summary messages=0 [^\n]* other_frames=2\n)"},
         {"a capture cut short: what was read, then the reason", cut, 1,
          R"(# summary messages=0 [^\n]*frames=1 [^\n]*\ntovrin-pcap: .*cut\.pcap: .*truncated.*\n)"},

@@ -54,7 +54,8 @@ const option_def option_table[] = {
 
 void usage(FILE *to) {
     std::fputs("usage: tovrin-pcap [options] FILE\n"
-               "Prints the tovrin link's data messages in a capture (pcap or pcapng), one line each,\n"
+               "Prints the tovrin link's data messages in a capture (pcap or pcapng; FILE - reads standard\n"
+               "input), one line each,\n"
                "then a summary: messages, retransmissions, acknowledgements missing, fragments lost.\n",
                to);
     for (const option_def &d : option_table) {
