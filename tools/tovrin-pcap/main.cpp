@@ -54,9 +54,9 @@ const option_def option_table[] = {
 
 void usage(FILE *to) {
     std::fputs("usage: tovrin-pcap [options] FILE\n"
-               "Prints the tovrin link's data messages in a capture (pcap or pcapng; FILE - reads standard\n"
-               "input), one line each,\n"
-               "then a summary: messages, retransmissions, acknowledgements missing, fragments lost.\n",
+               "Prints the tovrin link's data messages in a capture (pcap or pcapng; - is standard input),\n"
+               "one line each, then a summary: messages, retransmissions, acknowledgements missing and\n"
+               "fragments lost.\n",
                to);
     for (const option_def &d : option_table) {
         std::string left = std::string(d.name) + (d.arg ? std::string(" ") + d.arg : "");
