@@ -183,7 +183,7 @@ TEST_F(Counters, EveryRefusalCountsUnderItsOwnReasonOnly) {
         EXPECT_EQ(now.datagrams_refused - was.datagrams_refused, 1u);
         seen[r.reason] = true;
     }
-    // Allocation failure is the one reason not brought about here: malloc cannot fail on demand.
+    // Allocation failure has its own binary (alloc_failure.cpp), where malloc can fail on demand.
     for (std::size_t i = 0; i < TOVRIN_REFUSAL_COUNT; ++i)
         if (i != TOVRIN_REFUSED_APP_NO_MEMORY) {
             EXPECT_TRUE(seen[i]) << "no row for " << tovrin_refusal_names[i];
