@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "core/log_rule.h"
+#include "core/out_of_memory.h"
 #include "core/signals.h"
 #include "core/startup.h"
 #include "platform/eloop.h"
@@ -39,6 +40,7 @@ int main(int argc, char **argv) {
     answer_info_options(argc, argv);
     VK_LOG_INIT("TOVRIN", 4, 0);
     vk_log_conf_data[VK_LOG_W_ECHO] = 0;
+    tovrin_catch_allocation_failure();
     TOVRIN_LOG(TOVRIN_LOG_DBG, ">>>%s\n", "main");
     vk_eloop_init(nullptr);
     tovrin_signals_init();

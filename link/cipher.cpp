@@ -4,6 +4,7 @@
 #include <openssl/evp.h>
 
 #include <climits>
+#include <cstring>
 
 namespace {
 
@@ -71,7 +72,7 @@ bool tovrin_aes_cbc(bool encrypt, const uint8_t *in, uint8_t *out, std::size_t l
     const bool same = st.cctx_cipher[dir] == cipher;
     st.cctx_cipher[dir] = nullptr;  // set again only once the set-up succeeded
     if (EVP_CipherInit_ex2(ctx, same ? nullptr : cipher, key, iv, dir, nullptr) != 1) return false;
-    EVP_CIPHER_CTX_set_padding(ctx, 0);
+    if (EVP_CIPHER_CTX_set_padding(ctx, 0) != 1) return false;
     st.cctx_cipher[dir] = cipher;
     int outl = 0;
     if (len > 0 && EVP_CipherUpdate(ctx, out, &outl, in, static_cast<int>(len)) != 1) return false;
@@ -79,13 +80,15 @@ bool tovrin_aes_cbc(bool encrypt, const uint8_t *in, uint8_t *out, std::size_t l
     return EVP_CipherFinal_ex(ctx, out + outl, &finl) == 1;
 }
 
-void tovrin_md5(const uint8_t *in, std::size_t len, uint8_t out[TOVRIN_MD5_LEN]) {
+bool tovrin_md5(const uint8_t *in, std::size_t len, uint8_t out[TOVRIN_MD5_LEN]) {
     // Each digest set-up makes one heap call inside libcrypto (whether the
     // context is re-initialised or copied); the deprecated MD5_* calls that
     // would avoid it are not used.
     evp_state &st = evp();
     unsigned int n = 0;
-    EVP_DigestInit_ex2(st.mctx, st.md5, nullptr);
-    EVP_DigestUpdate(st.mctx, in, len);
-    EVP_DigestFinal_ex(st.mctx, out, &n);
+    if (st.mctx != nullptr && st.md5 != nullptr && EVP_DigestInit_ex2(st.mctx, st.md5, nullptr) == 1 &&
+        EVP_DigestUpdate(st.mctx, in, len) == 1 && EVP_DigestFinal_ex(st.mctx, out, &n) == 1 && n == TOVRIN_MD5_LEN)
+        return true;
+    std::memset(out, 0, TOVRIN_MD5_LEN);
+    return false;
 }

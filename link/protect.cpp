@@ -82,7 +82,10 @@ bool tovrin_perform_decrypt(const uint8_t *in, uint8_t *out, std::size_t len, co
 
 bool tovrin_protect_payload(uint8_t *payload, std::size_t len, uint8_t *out) {
     std::size_t body = len - TOVRIN_ENC_HDR_LEN;
-    tovrin_md5(payload + TOVRIN_ENC_HDR_LEN, body, payload + TOVRIN_DOFF_MD5);
+    if (!tovrin_md5(payload + TOVRIN_ENC_HDR_LEN, body, payload + TOVRIN_DOFF_MD5)) {
+        TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: Digest of outgoing msg failed\n");
+        return false;
+    }
     std::memcpy(out, payload, TOVRIN_ENC_HDR_LEN);
     return tovrin_perform_encrypt(payload + TOVRIN_ENC_HDR_LEN, out + TOVRIN_ENC_HDR_LEN, body,
                                   tovrin_gbl.key, tovrin_gbl.keylen, payload + TOVRIN_DOFF_IV);
@@ -108,7 +111,10 @@ bool tovrin_open_payload(const uint8_t *payload, std::size_t len, uint8_t *plain
         return false;
     }
     uint8_t digest[TOVRIN_MD5_LEN];
-    tovrin_md5(plain, body, digest);
+    if (!tovrin_md5(plain, body, digest)) {
+        *why = "digest could not be computed";
+        return false;
+    }
     if (std::memcmp(digest, payload + TOVRIN_DOFF_MD5, TOVRIN_MD5_LEN) != 0) {
         *why = nullptr;
         return false;

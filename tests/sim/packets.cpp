@@ -50,7 +50,7 @@ std::vector<uint8_t> enc_payload(int32_t src, int32_t dst, const std::vector<uin
     std::copy_n(iv.begin(), std::min<std::size_t>(iv.size(), TOVRIN_IV_LEN), p.begin() + TOVRIN_DOFF_IV);
     std::vector<uint8_t> body(data);
     body.resize(data.size() + pad, 0);
-    tovrin_md5(body.data(), body.size(), &p[TOVRIN_DOFF_MD5]);
+    if (!tovrin_md5(body.data(), body.size(), &p[TOVRIN_DOFF_MD5])) return {};
     std::vector<uint8_t> ct(body.size());
     if (!body.empty() &&
         !tovrin_aes_cbc(true, body.data(), ct.data(), body.size(), key.data(), key.size(), &p[TOVRIN_DOFF_IV]))

@@ -57,7 +57,7 @@ void Controller::queue_msg(int32_t src, int32_t dst, std::vector<uint8_t> data, 
         for (int i = 0; i < 16; ++i) p[16 + static_cast<std::size_t>(i)] = static_cast<uint8_t>(serial >> (8 * (i % 8)));
         std::vector<uint8_t> body(data);
         body.resize(data.size() + pad, 0);
-        tovrin_md5(body.data(), body.size(), &p[32]);
+        if (!tovrin_md5(body.data(), body.size(), &p[32])) throw std::runtime_error("controller cannot digest");
         std::vector<uint8_t> ct(body.size());
         if (!tovrin_aes_cbc(true, body.data(), ct.data(), body.size(), key_.data(), key_.size(), &p[16]))
             throw std::runtime_error("controller cannot encrypt");
@@ -167,7 +167,7 @@ void Controller::data_from_ap(const std::vector<uint8_t> &bytes) {
         if (!tovrin_aes_cbc(false, rx_.data() + TOVRIN_ENC_HDR_LEN, plain.data(), body, key_.data(), key_.size(),
                             &rx_[16]))
             throw std::runtime_error("controller cannot decrypt");
-        tovrin_md5(plain.data(), body, digest);
+        if (!tovrin_md5(plain.data(), body, digest)) throw std::runtime_error("controller cannot digest");
         if (!std::equal(digest, digest + TOVRIN_MD5_LEN, rx_.begin() + 32))
             throw std::runtime_error("controller received a message with a bad digest");
         plain.resize(body - tovrin_load32(&rx_[12]));

@@ -43,7 +43,7 @@ std::string dsim_payload_enc(uint32_t src, uint32_t dst, std::span<const uint8_t
     put_inner(out.data(), TOVRIN_DATA_ENC, out.size(), src, dst);
     tovrin_store32(&out[TOVRIN_DOFF_PAD], pad);
     std::copy(iv.begin(), iv.end(), out.begin() + TOVRIN_DOFF_IV);
-    tovrin_md5(plain.data(), plain.size(), &out[TOVRIN_DOFF_MD5]);
+    if (!tovrin_md5(plain.data(), plain.size(), &out[TOVRIN_DOFF_MD5])) return "digest failed";
     if (!tovrin_aes_cbc(true, plain.data(), out.data() + TOVRIN_ENC_HDR_LEN, body, key.data(), key.size(),
                         iv.data()))
         return "encryption failed";
@@ -132,7 +132,10 @@ dsim_opened dsim_payload_open(std::span<const uint8_t> p, std::span<const uint8_
         r.problem = "decryption failed";
         return r;
     }
-    tovrin_md5(plain.data(), plain.size(), digest);
+    if (!tovrin_md5(plain.data(), plain.size(), digest)) {
+        r.problem = "digest failed";
+        return r;
+    }
     if (std::memcmp(digest, &p[TOVRIN_DOFF_MD5], TOVRIN_MD5_LEN) != 0) {
         r.status = dsim_open_status::md5_bad;
         return r;
