@@ -96,6 +96,10 @@ TEST(TovrinctlArgs, HelpWinsAnywhere)
     for (const auto &argv : std::vector<std::vector<std::string>>{
              {"--help"}, {"-h"}, {"status", "--help"}, {"send", "5", "-h", "x"}})
         EXPECT_EQ(parse(argv).kind, parse_kind_t::help) << argv[0];
+    for (const auto &argv : std::vector<std::vector<std::string>>{
+             {"--version"}, {"--timeout", "5", "--version"}, {"status", "--version"}})
+        EXPECT_EQ(parse(argv).kind, parse_kind_t::version) << argv.back();
+    EXPECT_NE(std::string(usage_text()).find("\n  --version "), std::string::npos);
 }
 
 struct accept_case {

@@ -109,6 +109,7 @@ std::string make_usage()
          "  --timeout MS              wait this long for a response or answer (default 2000)\n"
          "  --path PATH               daemon endpoint (default /vk/ipc/tovrin)\n"
          "  -h, --help                print this text\n"
+         "  --version                 print the version\n"
          "\n"
          "Endpoint ids: " + endpoint_ids() + ". Paths are taken below $VK_IPC_ROOT.\n"
          "Exit status: 0 success, 1 failure, 2 usage error.\n";
@@ -167,6 +168,10 @@ parse_result_t parse_args(std::span<const std::string_view> args)
         }
         if (a == "--help" || a == "-h") {
             r.kind = parse_kind_t::help;
+            return r;
+        }
+        if (a == "--version") {
+            r.kind = parse_kind_t::version;
             return r;
         }
         std::string_view opt = a, val;

@@ -55,7 +55,7 @@ struct options_t {
     bool data_from_file = false;
 };
 
-enum class parse_kind_t { ok, help, usage };
+enum class parse_kind_t { ok, help, version, usage };
 
 struct parse_result_t {
     parse_kind_t kind = parse_kind_t::ok;

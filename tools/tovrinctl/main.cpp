@@ -11,11 +11,11 @@
 int main(int argc, char **argv)
 {
     const std::vector<std::string_view> args(argv + 1, argv + argc);
-    if (!args.empty() && args[0] == "--version") {
+    const tovrinctl::parse_result_t r = tovrinctl::parse_args(args);
+    if (r.kind == tovrinctl::parse_kind_t::version) {
         std::fputs("tovrinctl " TOVRIN_VERSION "\n", stdout);
         return 0;
     }
-    const tovrinctl::parse_result_t r = tovrinctl::parse_args(args);
     if (r.kind == tovrinctl::parse_kind_t::help) {
         const std::string_view u = tovrinctl::usage_text();
         std::fwrite(u.data(), 1, u.size(), stdout);
