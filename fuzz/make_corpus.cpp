@@ -99,7 +99,7 @@ void recv_seeds() {
     b = {0x02};  // mid-reassembly of transaction 7
     auto frags = fragments(plain_payload(200, 101, Bytes(2500, 0x5a)), 7);
     chunk(b, 0x00, frags[2]);
-    chunk(b, 0x00, fragments(plain_payload(200, 101, Bytes(2500, 0x5a)), 7, TOVRIN_F_RETX)[0]);
+    chunk(b, 0x00, fragments(plain_payload(200, 101, Bytes(2500, 0x5a)), 7, true)[0]);
     chunk(b, 0x00, frags[1]);
     write("fuzz_recv", "reassembly", b);
 

@@ -167,7 +167,7 @@ TEST_F(BusyEndpoint, WhenWaitingIsFullControllerMessagesAreLeftToTheirRetransmis
     sim::ipc_set_full(kPrindal, false);
     sim::settle();
     EXPECT_EQ(arrived(kPrindal).size(), TOVRIN_BACKLOG_MAX_MSGS);
-    for (const auto &f : fragments(payload, trans, TOVRIN_F_RETX)) from_ctrl(f);
+    for (const auto &f : fragments(payload, trans, true)) from_ctrl(f);
     ASSERT_EQ(sent().size(), 1u);
     EXPECT_EQ(sent()[0].bytes[8] & TOVRIN_F_ACK, TOVRIN_F_ACK);
     EXPECT_EQ(sent()[0].bytes[10], trans);
@@ -175,7 +175,7 @@ TEST_F(BusyEndpoint, WhenWaitingIsFullControllerMessagesAreLeftToTheirRetransmis
     ASSERT_EQ(got.size(), TOVRIN_BACKLOG_MAX_MSGS + 1);
     EXPECT_EQ(got.back(), 0xee);
     // A repeat of it now is a repeat: acknowledged again, not delivered twice.
-    for (const auto &f : fragments(payload, trans, TOVRIN_F_RETX)) from_ctrl(f);
+    for (const auto &f : fragments(payload, trans, true)) from_ctrl(f);
     EXPECT_EQ(sent().size(), 2u);
     EXPECT_EQ(arrived(kPrindal).size(), TOVRIN_BACKLOG_MAX_MSGS + 1);
 
@@ -207,7 +207,7 @@ TEST_F(BusyEndpoint, AWithheldAcknowledgementLeavesTheReassemblyStateTruthful) {
     sim::ipc_set_full(kPrindal, false);
     sim::settle();
     clear_captures();
-    for (const auto &f : fragments(plain_payload(200, 101, {0x22}), other, TOVRIN_F_RETX)) from_ctrl(f);
+    for (const auto &f : fragments(plain_payload(200, 101, {0x22}), other, true)) from_ctrl(f);
     ASSERT_EQ(sent().size(), 1u);
     EXPECT_EQ(sent()[0].bytes[10], other);
     const auto got = app_msgs_to(kGelvar);

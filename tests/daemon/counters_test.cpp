@@ -210,7 +210,7 @@ TEST_F(Counters, ExplainEveryMessageNotDeliveredAtTheFirstTry) {
     const auto first = fragments(plain_payload(9, 101, data), 0x21);
     from_ctrl(first[0]);
     from_ctrl(first[2]);
-    for (const auto &f : fragments(plain_payload(9, 101, data), 0x21, TOVRIN_F_RETX)) from_ctrl(f);
+    for (const auto &f : fragments(plain_payload(9, 101, data), 0x21, true)) from_ctrl(f);
     from_ctrl(good(0x22));
     from_ctrl(good(0x22, 101, 0x26));
 

@@ -82,7 +82,7 @@ TEST_F(Reassembly, FragmentOutOfOrderIsRefusedAndMustBeResent) {
 TEST_F(Reassembly, WholeMessageResentAfterAPartialOneCompletesFromWhereItStopped) {
     const auto data = pattern(3488);
     const auto first = fragments(plain_payload(9, 101, data), 0x20);
-    const auto again = fragments(plain_payload(9, 101, data), 0x20, 0x02);
+    const auto again = fragments(plain_payload(9, 101, data), 0x20, true);
     ASSERT_EQ(first.size(), 4u);
     from_ctrl(first[0]);
     from_ctrl(first[1]);
@@ -129,7 +129,7 @@ TEST_F(Reassembly, ResentCompletedMessageIsAcknowledgedAgainAndNotDelivered) {
     EXPECT_EQ(first_ack, ack_hex(0x08, 2, 0x22));
     clear_captures();
     mark = log_mark();
-    for (const auto &f : fragments(plain_payload(9, 101, data), 0x22, 0x02)) from_ctrl(f);
+    for (const auto &f : fragments(plain_payload(9, 101, data), 0x22, true)) from_ctrl(f);
     EXPECT_EQ(sent_hex(), std::vector<std::string>{ack_hex(0x0a, 2, 0x22)});
     const std::string log = log_since(mark);
     EXPECT_NE(log.find("NOTE: <<tovrin_recv_frag: unexpected seq 34 frag 1 flags 0x27 expected seq "), std::string::npos)

@@ -1,7 +1,9 @@
 #pragma once
-// Datagrams a simulated controller sends, built byte by byte as the wire
-// format says. Shared by the daemon's tests, the fuzz targets and the
-// simulation; nothing here depends on a test framework.
+// Datagrams a simulated controller sends, for the daemon's tests, the fuzz
+// targets and the simulation. Well-formed data payloads, fragments and
+// acknowledgements come from drav-sim's codec (tools/drav-sim/), so the wire
+// format is encoded in one place; frame() and ctrl_packet() also make the
+// malformed datagrams the tests need. Nothing here depends on a test framework.
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -21,12 +23,13 @@ inline std::vector<uint8_t> ka_response(uint16_t len_field = TOVRIN_KA_LEN, std:
     return ctrl_packet(TOVRIN_CTRL_KEEPALIVE, len_field, size);
 }
 std::vector<uint8_t> ack_for(uint8_t ap_trans, uint8_t frag = 0);
-// A plain data payload ('!') from src to dst carrying data.
+// A plain data payload ('!') from src to dst carrying data (at most 16372 bytes).
 std::vector<uint8_t> plain_payload(int32_t src, int32_t dst, const std::vector<uint8_t> &data);
 // An encrypted payload ('&') with the given key and IV (first 16 bytes used),
 // digest and ciphertext made; empty when the key cannot be set up.
 std::vector<uint8_t> enc_payload(int32_t src, int32_t dst, const std::vector<uint8_t> &data,
                                  const std::vector<uint8_t> &key, const std::vector<uint8_t> &iv);
-// Cuts a payload into controller fragments (flags 0x24 | extra, 0x01 on all but the last).
+// Cuts a payload into controller fragments (flags 0x24, RETX on all when retx,
+// MORE_FRAGS on all but the last).
 std::vector<std::vector<uint8_t>> fragments(const std::vector<uint8_t> &payload, uint8_t ctlr_trans,
-                                            uint8_t extra_flags = 0);
+                                            bool retx = false);
