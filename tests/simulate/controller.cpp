@@ -2,32 +2,21 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <string>
 
-#include "link/cipher.h"
 #include "link/wire.h"
+#include "packets.h"
+#include "tools/drav-sim/codec.h"
+#include "tools/drav-sim/payload.h"
 
 namespace simulate {
 
 namespace {
 
-std::vector<uint8_t> frame(uint8_t flags, uint8_t frag, uint8_t ctlr_trans, uint8_t ap_trans,
-                           const uint8_t *payload, std::size_t n) {
-    std::vector<uint8_t> d(TOVRIN_HDR_LEN);
-    tovrin_hdr_t h = tovrin_hdr_make(flags);
-    h.frag = frag;
-    h.ctlr_trans = ctlr_trans;
-    h.ap_trans = ap_trans;
-    h.data_len = static_cast<uint16_t>(n);
-    tovrin_hdr_encode(h, std::span<uint8_t, TOVRIN_HDR_LEN>(d.data(), TOVRIN_HDR_LEN));
-    d.insert(d.end(), payload, payload + n);
-    return d;
-}
-
+// Registration and keepalive answers of the given length, payload zero: the
+// access point reads only the type and the length.
 std::vector<uint8_t> ctrl_answer(uint8_t type, uint16_t len) {
-    std::vector<uint8_t> p(len, 0);
-    p[0] = type;
-    tovrin_store16(&p[2], len);
-    return frame(TOVRIN_F_CTRL | TOVRIN_F_DATA, 0, 0, 0, p.data(), p.size());
+    return ctrl_packet(type, len, len, TOVRIN_F_CTRL | TOVRIN_F_DATA);
 }
 
 }  // namespace
@@ -46,30 +35,16 @@ void Controller::queue_msg(int32_t src, int32_t dst, std::vector<uint8_t> data, 
     data.resize(std::max<std::size_t>(data.size(), 8));
     for (int i = 0; i < 8; ++i) data[static_cast<std::size_t>(i)] = static_cast<uint8_t>(serial >> (8 * i));
     std::vector<uint8_t> p;
+    std::string why;
     if (encrypt) {
-        const std::size_t len = TOVRIN_ENC_HDR_LEN + data.size();
-        const std::size_t pad = (16 - len % 16) % 16;
-        p.assign(TOVRIN_ENC_HDR_LEN, 0);
-        p[0] = TOVRIN_DATA_ENC;
-        tovrin_store16(&p[2], static_cast<uint16_t>(len + pad));
-        tovrin_store32(&p[12], static_cast<uint32_t>(pad));
         // The IV names the message, so its fragments can be told apart on the wire.
-        for (int i = 0; i < 16; ++i) p[16 + static_cast<std::size_t>(i)] = static_cast<uint8_t>(serial >> (8 * (i % 8)));
-        std::vector<uint8_t> body(data);
-        body.resize(data.size() + pad, 0);
-        if (!tovrin_md5(body.data(), body.size(), &p[32])) throw std::runtime_error("controller cannot digest");
-        std::vector<uint8_t> ct(body.size());
-        if (!tovrin_aes_cbc(true, body.data(), ct.data(), body.size(), key_.data(), key_.size(), &p[16]))
-            throw std::runtime_error("controller cannot encrypt");
-        p.insert(p.end(), ct.begin(), ct.end());
+        dsim_iv iv{};
+        for (std::size_t i = 0; i < iv.size(); ++i) iv[i] = static_cast<uint8_t>(serial >> (8 * (i % 8)));
+        why = dsim_payload_enc(static_cast<uint32_t>(src), static_cast<uint32_t>(dst), data, key_, iv, p);
     } else {
-        p.assign(TOVRIN_PLAIN_HDR_LEN, 0);
-        p[0] = TOVRIN_DATA_PLAIN;
-        tovrin_store16(&p[2], static_cast<uint16_t>(TOVRIN_PLAIN_HDR_LEN + data.size()));
-        p.insert(p.end(), data.begin(), data.end());
+        why = dsim_payload_plain(static_cast<uint32_t>(src), static_cast<uint32_t>(dst), data, p);
     }
-    tovrin_store32(&p[4], static_cast<uint32_t>(src));
-    tovrin_store32(&p[8], static_cast<uint32_t>(dst));
+    if (!why.empty()) throw std::runtime_error("controller cannot build a message: " + why);
     by_head[std::vector<uint8_t>(p.begin(), p.begin() + static_cast<long>(std::min<std::size_t>(p.size(), 48)))] = serial;
     sent[serial] = CtrlMsg{serial, src, dst, std::move(data)};
     queue_.push_back(Out{serial, std::move(p)});
@@ -77,17 +52,8 @@ void Controller::queue_msg(int32_t src, int32_t dst, std::vector<uint8_t> data, 
 
 void Controller::transmit(uint64_t now_us) {
     Out &o = *cur_;
-    const uint8_t retx = o.attempts > 0 ? TOVRIN_F_RETX : 0;
-    std::size_t off = 0;
-    uint8_t n = 0;
-    do {
-        const std::size_t size = std::min<std::size_t>(TOVRIN_FRAG_SIZE, o.payload.size() - off);
-        const bool more = off + size < o.payload.size();
-        const uint8_t flags = TOVRIN_F_DATA | TOVRIN_F_ACK_REQ | retx | (more ? TOVRIN_F_MORE_FRAGS : 0);
-        if (answering) send_(ip, frame(flags, n, cur_trans_, 0, o.payload.data() + off, size));
-        ++n;
-        off += size;
-    } while (off < o.payload.size());
+    if (answering)
+        for (auto &d : dsim_fragment(o.payload, cur_trans_, 0, o.attempts > 0)) send_(ip, std::move(d));
     if (answering) transmissions[o.serial] += 1;
     o.attempts += 1;
     o.next_us = now_us + (1000000ull << (o.attempts - 1));  // 1, 2, 4, 8, 16 s
@@ -154,27 +120,12 @@ void Controller::data_from_ap(const std::vector<uint8_t> &bytes) {
     if (h.flags & TOVRIN_F_MORE_FRAGS) return;
     // Whole: acknowledged and recorded every time. Whether a copy is new is
     // the controller's own business; the checks only ask what reached it.
-    send_(ip, frame(TOVRIN_F_ACK, h.frag, 0, h.ap_trans, nullptr, 0));
+    send_(ip, dsim_build_ack(TOVRIN_F_ACK, h.frag, h.ap_trans));
     rx_next_frag_ = -1;
-    if (rx_.size() < TOVRIN_PLAIN_HDR_LEN) throw std::runtime_error("controller received a short message");
-    ApMsg m{static_cast<int32_t>(tovrin_load32(&rx_[4])), static_cast<int32_t>(tovrin_load32(&rx_[8])), {}};
-    if (rx_[0] == TOVRIN_DATA_PLAIN) {
-        m.data.assign(rx_.begin() + TOVRIN_PLAIN_HDR_LEN, rx_.end());
-    } else if (rx_[0] == TOVRIN_DATA_ENC && rx_.size() >= TOVRIN_ENC_HDR_LEN) {
-        const std::size_t body = rx_.size() - TOVRIN_ENC_HDR_LEN;
-        std::vector<uint8_t> plain(body);
-        uint8_t digest[TOVRIN_MD5_LEN];
-        if (!tovrin_aes_cbc(false, rx_.data() + TOVRIN_ENC_HDR_LEN, plain.data(), body, key_.data(), key_.size(),
-                            &rx_[16]))
-            throw std::runtime_error("controller cannot decrypt");
-        if (!tovrin_md5(plain.data(), body, digest)) throw std::runtime_error("controller cannot digest");
-        if (!std::equal(digest, digest + TOVRIN_MD5_LEN, rx_.begin() + 32))
-            throw std::runtime_error("controller received a message with a bad digest");
-        plain.resize(body - tovrin_load32(&rx_[12]));
-        m.data = std::move(plain);
-    } else {
-        throw std::runtime_error("controller received a message of unknown type");
-    }
+    dsim_opened o = dsim_payload_open(rx_, key_);
+    if (o.status != dsim_open_status::ok)
+        throw std::runtime_error("controller received a message it cannot open: " + o.problem);
+    ApMsg m{static_cast<int32_t>(o.src), static_cast<int32_t>(o.dst), std::move(o.data)};
     received.push_back(std::move(m));
 }
 

@@ -3,7 +3,8 @@
 // keepalive requests, reassembles and acknowledges the access point's data
 // messages, and sends messages of its own one at a time, retransmitting the
 // whole message with the RETX flag after 1, 2, 4 and 8 s and giving up after
-// the fifth transmission, as the daemon's own sender does.
+// the fifth transmission, as the daemon's own sender does. Payloads,
+// fragments and acknowledgements are drav-sim's (tools/drav-sim/payload.h).
 #include <cstdint>
 #include <deque>
 #include <functional>
