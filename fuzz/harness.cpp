@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "core/ipc_codes.h"
+#include "ipc_payloads.h"
 #include "core/reset.h"
 #include "core/startup.h"
 #include "link/cipher.h"
@@ -106,11 +107,7 @@ void notify(uint32_t type, const std::vector<uint8_t> &payload) {
     sim::settle();
 }
 
-void set_controller(uint32_t ip) {
-    std::vector<uint8_t> p(4);
-    std::memcpy(p.data(), &ip, 4);
-    notify(TOVRIN_IPC_CTRL_IP, p);
-}
+void set_controller(uint32_t ip) { notify(TOVRIN_IPC_CTRL_IP, word_payload(ip)); }
 
 void from_ctrl(const std::vector<uint8_t> &dgram, uint32_t src) {
     sim::udp_inject(src, dgram);
@@ -123,32 +120,12 @@ bool bring_up() {
     return tovrin_gbl.status == 1;
 }
 
-void set_key(const std::vector<uint8_t> &key) {
-    std::vector<uint8_t> p(4);
-    const uint32_t n = static_cast<uint32_t>(key.size());
-    std::memcpy(p.data(), &n, 4);
-    p.insert(p.end(), key.begin(), key.end());
-    notify(TOVRIN_IPC_SET_KEY, p);
-}
+void set_key(const std::vector<uint8_t> &key) { notify(TOVRIN_IPC_SET_KEY, key_payload(key)); }
 
-void set_encrypt(int32_t state) {
-    std::vector<uint8_t> p(4);
-    std::memcpy(p.data(), &state, 4);
-    notify(TOVRIN_IPC_SET_ENCRYPT, p);
-}
+void set_encrypt(int32_t state) { notify(TOVRIN_IPC_SET_ENCRYPT, word_payload(static_cast<uint32_t>(state))); }
 
 void app_send(int32_t src, int32_t dst, uint32_t flags, uint32_t id, const std::vector<uint8_t> &data) {
-    tovrin_app_msg_t h{};
-    h.src_ep = src;
-    std::strncpy(h.src_name, "fuzzer", sizeof h.src_name - 1);
-    h.id = id;
-    h.flags = flags;
-    h.dst_ep = dst;
-    h.len = static_cast<uint32_t>(data.size());
-    std::vector<uint8_t> p(TOVRIN_APP_HDR_LEN);
-    std::memcpy(p.data(), &h, TOVRIN_APP_HDR_LEN);
-    p.insert(p.end(), data.begin(), data.end());
-    notify(TOVRIN_IPC_SEND_MSG, p);
+    notify(TOVRIN_IPC_SEND_MSG, app_payload(app_header(src, "fuzzer", id, flags, dst, data.size()), data));
 }
 
 std::string endpoint_path(int32_t id) {

@@ -12,6 +12,7 @@
 
 #include "core/ipc_codes.h"
 #include "harness.h"
+#include "ipc_payloads.h"
 #include "platform/ipc.h"
 #include "platform/log.h"
 
@@ -66,17 +67,7 @@ Bytes host32s(std::initializer_list<int32_t> words) {
 }
 
 Bytes app_msg(int32_t src, int32_t dst, uint32_t flags, uint32_t id, const Bytes &data) {
-    tovrin_app_msg_t h{};
-    h.src_ep = src;
-    std::strncpy(h.src_name, "seed", sizeof h.src_name - 1);
-    h.id = id;
-    h.flags = flags;
-    h.dst_ep = dst;
-    h.len = static_cast<uint32_t>(data.size());
-    Bytes p(TOVRIN_APP_HDR_LEN);
-    std::memcpy(p.data(), &h, TOVRIN_APP_HDR_LEN);
-    append(p, data);
-    return p;
+    return app_payload(app_header(src, "seed", id, flags, dst, data.size()), data);
 }
 
 void recv_seeds() {

@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "core/ipc_codes.h"
+#include "ipc_payloads.h"
 #include "core/reset.h"
 #include "core/startup.h"
 #include "link/cipher.h"
@@ -97,11 +98,7 @@ void World::request(uint32_t type, const std::vector<uint8_t> &payload, const st
     sim::settle();
 }
 
-void World::set_controller(uint32_t addr) {
-    std::vector<uint8_t> p(4);
-    std::memcpy(p.data(), &addr, 4);
-    notify(TOVRIN_IPC_CTRL_IP, p);
-}
+void World::set_controller(uint32_t addr) { notify(TOVRIN_IPC_CTRL_IP, word_payload(addr)); }
 
 void World::from_ctrl(const std::vector<uint8_t> &dgram, uint32_t src) {
     sim::udp_inject(src, dgram);
@@ -115,24 +112,11 @@ void World::bring_up(uint32_t addr) {
 }
 
 void World::app_send(int32_t src, int32_t dst, uint32_t flags, const std::vector<uint8_t> &data, const char *name) {
-    tovrin_app_msg_t h{};
-    h.src_ep = src;
-    std::strncpy(h.src_name, name, sizeof h.src_name - 1);
-    h.id = 77;
-    h.flags = flags;
-    h.dst_ep = dst;
-    h.len = static_cast<uint32_t>(data.size());
-    std::vector<uint8_t> p(TOVRIN_APP_HDR_LEN);
-    std::memcpy(p.data(), &h, TOVRIN_APP_HDR_LEN);
-    p.insert(p.end(), data.begin(), data.end());
-    notify(TOVRIN_IPC_SEND_MSG, p);
+    notify(TOVRIN_IPC_SEND_MSG, app_payload(app_header(src, name, 77, flags, dst, data.size()), data));
 }
 
 void World::app_send_hdr(const tovrin_app_msg_t &h, const std::vector<uint8_t> &data) {
-    std::vector<uint8_t> p(TOVRIN_APP_HDR_LEN);
-    std::memcpy(p.data(), &h, TOVRIN_APP_HDR_LEN);
-    p.insert(p.end(), data.begin(), data.end());
-    notify(TOVRIN_IPC_SEND_MSG, p);
+    notify(TOVRIN_IPC_SEND_MSG, app_payload(h, data));
 }
 
 void World::run_answering(uint64_t us) {
@@ -163,11 +147,7 @@ std::vector<uint8_t> World::link_bytes() {
 }
 
 void World::set_key(const std::vector<uint8_t> &key) {
-    std::vector<uint8_t> p(4);
-    uint32_t n = static_cast<uint32_t>(key.size());
-    std::memcpy(p.data(), &n, 4);
-    p.insert(p.end(), key.begin(), key.end());
-    notify(TOVRIN_IPC_SET_KEY, p);
+    notify(TOVRIN_IPC_SET_KEY, key_payload(key));
 }
 
 void World::set_level(int level) { vk_log_conf_data[VK_LOG_W_LEVEL] = level; }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "controller.h"
+#include "ipc_payloads.h"
 #include "core/counters.h"
 #include "core/ipc_codes.h"
 #include "core/reset.h"
@@ -236,9 +237,7 @@ void Run::schedule() {
             const uint32_t ip = ip_of(198, 18, 1, static_cast<uint8_t>(++moves_));
             for (const uint64_t s : frag0_seen_) stale_[s] = true;  // the daemon starts from scratch
             ctrl_->restart_at(ip, static_cast<uint8_t>(rnd(1, 255)));
-            std::vector<uint8_t> p(4);
-            std::memcpy(p.data(), &ip, 4);
-            notify(TOVRIN_IPC_CTRL_IP, p);
+            notify(TOVRIN_IPC_CTRL_IP, word_payload(static_cast<uint32_t>(ip)));
         });
     }
     // Local endpoints that disappear for a while.
@@ -286,9 +285,7 @@ void Run::schedule() {
     for (uint64_t t = rnd(0, 20) * kSec; t < sends_end_; t += rnd(5, 40) * kSec) {
         const int32_t state = coin(0.5) ? 1 : 0;
         at(t, [this, state] {
-            std::vector<uint8_t> p(4);
-            std::memcpy(p.data(), &state, 4);
-            notify(TOVRIN_IPC_SET_ENCRYPT, p);
+            notify(TOVRIN_IPC_SET_ENCRYPT, word_payload(static_cast<uint32_t>(state)));
         });
     }
     // Local senders and the controller's own messages.
@@ -319,16 +316,10 @@ void Run::local_send() {
     m.data.resize(n);
     for (std::size_t i = 0; i < n; ++i) m.data[i] = static_cast<uint8_t>(rng_());
     for (int i = 0; i < 4; ++i) m.data[static_cast<std::size_t>(i)] = static_cast<uint8_t>(uid >> (8 * i));
-    tovrin_app_msg_t h{};
-    h.src_ep = m.src;
-    std::snprintf(h.src_name, sizeof h.src_name, "sender-%d", m.src);
-    h.id = uid;
-    h.flags = m.flags;
-    h.dst_ep = m.dst;
-    h.len = static_cast<uint32_t>(n);
-    std::vector<uint8_t> p(TOVRIN_APP_HDR_LEN);
-    std::memcpy(p.data(), &h, TOVRIN_APP_HDR_LEN);
-    p.insert(p.end(), m.data.begin(), m.data.end());
+    char name[TOVRIN_APP_NAME_LEN];
+    std::snprintf(name, sizeof name, "sender-%d", m.src);
+    const tovrin_app_msg_t h = app_header(m.src, name, uid, m.flags, m.dst, n);
+    const std::vector<uint8_t> p = app_payload(h, m.data);
     local_.emplace(uid, std::move(m));
     stats.local_msgs += 1;
     const std::string from = path_of(h.src_ep);
@@ -547,9 +538,7 @@ void Run::go() {
     std::memcpy(k.data(), &n, 4);
     k.insert(k.end(), key_.begin(), key_.end());
     notify(TOVRIN_IPC_SET_KEY, k);
-    std::vector<uint8_t> p(4);
-    std::memcpy(p.data(), &ctrl.ip, 4);
-    notify(TOVRIN_IPC_CTRL_IP, p);
+    notify(TOVRIN_IPC_CTRL_IP, word_payload(static_cast<uint32_t>(ctrl.ip)));
 
     while (now() < end_) step(end_);
     check_end();
