@@ -164,6 +164,16 @@ int set_watch(int sock, Watch Sock::*w, const Watch &watch) {
     return 0;
 }
 
+// A registration of either kind: refused before the loop is set up, for a
+// negative descriptor or without a handler.
+int register_watch(int sock, Watch Sock::*w, vk_eloop_sock_handler handler, void *eloop_ctx, void *sock_ctx) {
+    if (epfd < 0 || sock < 0 || !handler) {
+        errno = EINVAL;
+        return -1;
+    }
+    return set_watch(sock, w, Watch{handler, eloop_ctx, sock_ctx});
+}
+
 // All the handler does; the loop sees the pipe readable and stops.
 void on_signal(int sig) {
     const int saved = errno;
@@ -309,22 +319,14 @@ int vk_eloop_register_signal(int sig, vk_eloop_signal_handler handler, void *ctx
 // Registering a socket again replaces its handler and contexts.
 int vk_eloop_register_read_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
                                 void *sock_ctx) {
-    if (epfd < 0 || sock < 0 || !handler) {
-        errno = EINVAL;
-        return -1;
-    }
-    return set_watch(sock, &Sock::read, Watch{handler, eloop_ctx, sock_ctx});
+    return register_watch(sock, &Sock::read, handler, eloop_ctx, sock_ctx);
 }
 
 void vk_eloop_unregister_read_sock(int sock) { set_watch(sock, &Sock::read, Watch{}); }
 
 int vk_eloop_register_write_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
                                  void *sock_ctx) {
-    if (epfd < 0 || sock < 0 || !handler) {
-        errno = EINVAL;
-        return -1;
-    }
-    return set_watch(sock, &Sock::write, Watch{handler, eloop_ctx, sock_ctx});
+    return register_watch(sock, &Sock::write, handler, eloop_ctx, sock_ctx);
 }
 
 void vk_eloop_unregister_write_sock(int sock) { set_watch(sock, &Sock::write, Watch{}); }

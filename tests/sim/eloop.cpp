@@ -171,8 +171,10 @@ int vk_eloop_register_signal(int sig, vk_eloop_signal_handler handler, void *ctx
     return 0;
 }
 
-int vk_eloop_register_read_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
-                                void *sock_ctx) {
+namespace {
+// Enters a read or write registration into socks.
+int register_sock(std::map<int, sim::ReadSock> &socks, int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
+                  void *sock_ctx) {
     if (sock < 0 || !handler) {
         errno = EINVAL;
         return -1;
@@ -183,24 +185,21 @@ int vk_eloop_register_read_sock(int sock, vk_eloop_sock_handler handler, void *e
         return -1;
     }
     // Registering again replaces the handler and contexts, as in the real loop.
-    world().read_socks[sock] = sim::ReadSock{handler, eloop_ctx, sock_ctx};
+    socks[sock] = sim::ReadSock{handler, eloop_ctx, sock_ctx};
     return 0;
+}
+}  // namespace
+
+int vk_eloop_register_read_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
+                                void *sock_ctx) {
+    return register_sock(world().read_socks, sock, handler, eloop_ctx, sock_ctx);
 }
 
 void vk_eloop_unregister_read_sock(int sock) { world().read_socks.erase(sock); }
 
 int vk_eloop_register_write_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
                                  void *sock_ctx) {
-    if (sock < 0 || !handler) {
-        errno = EINVAL;
-        return -1;
-    }
-    if (!sim::find_socket(sock)) {
-        errno = EBADF;
-        return -1;
-    }
-    world().write_socks[sock] = sim::ReadSock{handler, eloop_ctx, sock_ctx};
-    return 0;
+    return register_sock(world().write_socks, sock, handler, eloop_ctx, sock_ctx);
 }
 
 void vk_eloop_unregister_write_sock(int sock) { world().write_socks.erase(sock); }
