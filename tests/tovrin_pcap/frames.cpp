@@ -27,26 +27,6 @@ void le32(tbytes &b, uint32_t v) {
 
 }  // namespace
 
-tbytes hex_bytes(const std::string &hex) {
-    tbytes b;
-    std::string digits;
-    for (char c : hex)
-        if (c != ' ') digits += c;
-    for (std::size_t i = 0; i + 1 < digits.size(); i += 2)
-        b.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
-    return b;
-}
-
-std::string hex_str(const tbytes &b) {
-    std::string s;
-    char e[4];
-    for (uint8_t c : b) {
-        std::snprintf(e, sizeof e, "%02x", c);
-        s += e;
-    }
-    return s;
-}
-
 tbytes ipv4_udp(uint32_t src, uint32_t dst, const tbytes &payload, uint16_t sport, uint16_t dport) {
     tbytes b(28, 0);
     b[0] = 0x45;
@@ -139,17 +119,3 @@ tbytes pcapng_file(uint16_t linktype, const std::vector<tbytes> &frames) {
     return b;
 }
 
-scratch_dir::scratch_dir() {
-    char t[] = "/tmp/tovrin-pcap-test.XXXXXX";
-    path = mkdtemp(t) ? t : "/tmp";
-}
-scratch_dir::~scratch_dir() {
-    std::error_code ec;
-    if (path != "/tmp") std::filesystem::remove_all(path, ec);
-}
-std::string scratch_dir::write(const std::string &name, const tbytes &b) const {
-    std::string p = path + "/" + name;
-    std::ofstream f(p, std::ios::binary);
-    f.write(reinterpret_cast<const char *>(b.data()), static_cast<std::streamsize>(b.size()));
-    return p;
-}

@@ -4,10 +4,13 @@
 #include <string>
 #include <vector>
 
+#include "tests/drav_sim/helpers.h"
+
 using tbytes = std::vector<uint8_t>;
 
-tbytes hex_bytes(const std::string &hex);  // spaces ignored
-std::string hex_str(const tbytes &b);
+// Hex text both ways, as the drav-sim tests write it (tests/drav_sim/helpers.h).
+inline tbytes hex_bytes(const std::string &hex) { return bytes_of_hex(hex); }  // spaces ignored
+inline std::string hex_str(const tbytes &b) { return hex_of(b); }
 
 // IPv4 (no options) carrying UDP from src to dst, both port 6650 unless given.
 tbytes ipv4_udp(uint32_t src, uint32_t dst, const tbytes &payload, uint16_t sport = 6650,
@@ -23,11 +26,10 @@ tbytes pcap_file(uint32_t linktype, const std::vector<tbytes> &frames);
 tbytes pcapng_file(uint16_t linktype, const std::vector<tbytes> &frames);
 
 // A directory under /tmp removed with its files when the object goes.
-struct scratch_dir {
-    std::string path;
-    scratch_dir();
-    ~scratch_dir();
-    scratch_dir(const scratch_dir &) = delete;
-    scratch_dir &operator=(const scratch_dir &) = delete;
-    std::string write(const std::string &name, const tbytes &b) const;
+struct scratch_dir : temp_dir {
+    // Writes b to the file name in it; returns the file's path.
+    std::string write(const std::string &name, const tbytes &b) const {
+        write_file(file(name), b);
+        return file(name);
+    }
 };
