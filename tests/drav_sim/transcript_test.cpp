@@ -13,6 +13,7 @@
 #include <regex>
 
 #include "helpers.h"
+#include "packets.h"
 #include "tests/emulator.h"
 #include "tools/drav-sim/payload.h"
 
@@ -177,15 +178,9 @@ struct ap_sock {
     std::string addr() const { return "127\\.0\\.0\\.1:" + std::to_string(port); }
 };
 
+// A datagram as the access point sends it (tests/sim/packets.h builds the frame).
 std::vector<uint8_t> frame(uint8_t flags, uint8_t frag, uint8_t ap_trans, std::span<const uint8_t> payload) {
-    std::vector<uint8_t> d(TOVRIN_HDR_LEN);
-    tovrin_hdr_t h = tovrin_hdr_make(flags);
-    h.frag = frag;
-    h.ap_trans = ap_trans;
-    h.data_len = static_cast<uint16_t>(payload.size());
-    tovrin_hdr_encode(h, std::span<uint8_t, TOVRIN_HDR_LEN>(d.data(), TOVRIN_HDR_LEN));
-    d.insert(d.end(), payload.begin(), payload.end());
-    return d;
+    return ::frame(flags, frag, 0, ap_trans, std::vector<uint8_t>(payload.begin(), payload.end()));
 }
 
 const std::string reg_req =
