@@ -160,10 +160,20 @@ void on_writable(int, void *, void *peer) {
         }
         pop(p);
     }
-    if (p.head == NONE)
+    if (p.head == NONE) {
         release(p);
-    else if (took)
-        restart_stuck_timer(p);
+        return;
+    }
+    // A receiver that was closed and opened again is sent to from a new
+    // socket, which may even have the old one's number: the watch is set
+    // again on whatever socket the platform uses now, or it could wait on a
+    // descriptor that is gone.
+    const int fd = vk_ipc_send_sock(&tovrin_ipc, p.path);
+    if (fd >= 0) {
+        if (fd != p.fd) vk_eloop_unregister_write_sock(p.fd);
+        if (vk_eloop_register_write_sock(fd, on_writable, nullptr, &p) == 0) p.fd = fd;
+    }
+    if (took) restart_stuck_timer(p);
 }
 
 // Keeps d's message at the end of p's queue; the caller checked the room.
