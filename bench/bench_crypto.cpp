@@ -60,8 +60,8 @@ int main(int argc, char **argv) {
     uint8_t digest[TOVRIN_MD5_LEN];
     double md5 = median_ns(iters, reps, [&] { tovrin_md5(payload.data() + TOVRIN_ENC_HDR_LEN, body, digest); });
     double enc = median_ns(iters, reps, [&] {
-        ok &= tovrin_aes_cbc(true, payload.data() + TOVRIN_ENC_HDR_LEN, wire.data() + TOVRIN_ENC_HDR_LEN, body, key,
-                             16, &payload[TOVRIN_DOFF_IV]);
+        ok &= tovrin_aes_cbc(true, payload.data() + TOVRIN_ENC_HDR_LEN, wire.data() + TOVRIN_ENC_HDR_LEN, body, key, 16,
+                             &payload[TOVRIN_DOFF_IV]);
     });
     double dec = median_ns(iters, reps, [&] {
         ok &= tovrin_aes_cbc(false, wire.data() + TOVRIN_ENC_HDR_LEN, plain.data(), body, key, 16,

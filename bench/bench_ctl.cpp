@@ -51,8 +51,10 @@ void send_to_ap(ctl_state &s, const uint8_t *p, std::size_t n) {
 void send_frames(ctl_state &s, bool retx) {
     for (auto &f : s.frames) {
         f[10] = s.trans;
-        if (retx) f[8] |= TOVRIN_F_RETX;
-        else f[8] &= uint8_t(~TOVRIN_F_RETX);
+        if (retx)
+            f[8] |= TOVRIN_F_RETX;
+        else
+            f[8] &= uint8_t(~TOVRIN_F_RETX);
         send_to_ap(s, f.data(), f.size());
     }
     s.down_sent_at = bench_now_ns();
@@ -136,11 +138,14 @@ void on_command(ctl_state &s, const std::string &line, bool &quit) {
     long n = 0, size = 0, enc = 0;
     if (std::sscanf(line.c_str(), "%15s %ld %ld %ld", word, &n, &size, &enc) < 1) return;
     std::string w = word;
-    if (w == "down") start_down(s, n, size, enc != 0);
+    if (w == "down")
+        start_down(s, n, size, enc != 0);
     else if (w == "stats")
         std::printf("STATS msgs=%ld frags=%ld ka=%ld reg=%ld\n", s.msgs, s.frags, s.ka, s.reg);
-    else if (w == "ack") s.ack = n != 0;
-    else if (w == "quit") quit = true;
+    else if (w == "ack")
+        s.ack = n != 0;
+    else if (w == "quit")
+        quit = true;
 }
 
 }  // namespace
@@ -190,9 +195,12 @@ int main(int argc, char **argv) {
             if (n > 0 && dsim_frame_check(std::span<const uint8_t>(dgram, std::size_t(n)), f).empty()) {
                 s.ap = from;
                 s.have_ap = true;
-                if (f.hdr.flags & TOVRIN_F_CTRL) on_ctrl(s, f, now);
-                else if (f.hdr.flags & TOVRIN_F_ACK) on_ack(s, f);
-                else on_data(s, f, now);
+                if (f.hdr.flags & TOVRIN_F_CTRL)
+                    on_ctrl(s, f, now);
+                else if (f.hdr.flags & TOVRIN_F_ACK)
+                    on_ack(s, f);
+                else
+                    on_data(s, f, now);
             }
         }
         if (p[1].revents & (POLLIN | POLLHUP)) {

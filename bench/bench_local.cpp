@@ -34,7 +34,8 @@ namespace {
 constexpr int64_t NS = 1000000000;
 
 const char *ep_path(long id) {
-    const tovrin_app_ep_t *ep = id >= INT32_MIN && id <= INT32_MAX ? tovrin_app_ep_find(static_cast<int32_t>(id)) : nullptr;
+    const tovrin_app_ep_t *ep =
+        id >= INT32_MIN && id <= INT32_MAX ? tovrin_app_ep_find(static_cast<int32_t>(id)) : nullptr;
     return ep != nullptr ? ep->path : nullptr;
 }
 
@@ -172,8 +173,8 @@ int run_up(const bench_args &a) {
         if (ans.flags & TOVRIN_MSG_F_FAILED) ++failed;
     }
     double secs = double(bench_now_ns() - t0) / NS;
-    std::printf("UP n=%ld failed=%ld dup=%ld unknown=%ld size=%ld secs=%.6f rate=%.1f\n", done, failed, dup,
-                unknown, long(sizes[0]), secs, double(done) / secs);
+    std::printf("UP n=%ld failed=%ld dup=%ld unknown=%ld size=%ld secs=%.6f rate=%.1f\n", done, failed, dup, unknown,
+                long(sizes[0]), secs, double(done) / secs);
     vk_ipc_close(&h);
     return failed == 0 && dup == 0 && unknown == 0 ? 0 : 2;
 }
@@ -240,7 +241,8 @@ int run_down(const bench_args &a) {
 int main(int argc, char **argv) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     if (argc < 2) {
-        std::fprintf(stderr, "usage: bench-local up|fill|down [--count N] [--size S] [--window W] [--from ID] [--ep ID]\n");
+        std::fprintf(stderr,
+                     "usage: bench-local up|fill|down [--count N] [--size S] [--window W] [--from ID] [--ep ID]\n");
         return 64;
     }
     bench_args a(argc, argv, 2);

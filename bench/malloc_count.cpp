@@ -26,8 +26,8 @@ void on_usr1(int) {
     const char *path = getenv("BENCH_MALLOC_OUT");
     if (!path) return;
     char line[160];
-    int n = snprintf(line, sizeof line, "malloc=%lu calloc=%lu realloc=%lu free=%lu bytes=%lu\n", n_malloc,
-                     n_calloc, n_realloc, n_free, n_bytes);
+    int n = snprintf(line, sizeof line, "malloc=%lu calloc=%lu realloc=%lu free=%lu bytes=%lu\n", n_malloc, n_calloc,
+                     n_realloc, n_free, n_bytes);
     int fd = open(path, O_WRONLY | O_CREAT | O_APPEND, 0644);
     if (fd < 0) return;
     if (write(fd, line, size_t(n)) < 0) {

@@ -70,17 +70,54 @@ enum tovrin_refusal_t : uint32_t {
 
 // Names by reason, in enum order.
 inline constexpr const char *tovrin_refusal_names[TOVRIN_REFUSAL_COUNT] = {
-    "short_datagram", "bad_header_length", "truncated", "trailing_bytes", "bad_version", "bad_magic",
-    "control_from_stranger", "data_from_stranger", "ack_not_waiting", "ack_unexpected",
-    "fragment_before_first", "fragment_out_of_order", "message_repeated", "fragment_unexpected",
-    "message_too_big", "endpoints_busy", "message_too_short", "message_length_mismatch",
-    "encrypted_malformed", "bad_digest", "plain_too_short", "unknown_data_type",
-    "control_no_header", "control_bad_length", "registration_too_short", "keepalive_too_short",
-    "dravip_too_short", "control_unknown_type", "registration_while_up", "dravip_ignored",
-    "ipc_receive_error", "ipc_short_payload", "ipc_unknown_notification", "ipc_unknown_request",
-    "ipc_send_as_request", "ipc_bad_key", "ipc_bad_app_id", "ipc_bad_rate", "ipc_no_rate_set",
-    "app_shorter_than_header", "app_bad_length", "app_link_down", "app_queue_full", "app_no_memory",
-    "app_unknown_endpoint", "app_too_big_for_endpoint", "delivery_failed", "delivery_room_full",
+    "short_datagram",
+    "bad_header_length",
+    "truncated",
+    "trailing_bytes",
+    "bad_version",
+    "bad_magic",
+    "control_from_stranger",
+    "data_from_stranger",
+    "ack_not_waiting",
+    "ack_unexpected",
+    "fragment_before_first",
+    "fragment_out_of_order",
+    "message_repeated",
+    "fragment_unexpected",
+    "message_too_big",
+    "endpoints_busy",
+    "message_too_short",
+    "message_length_mismatch",
+    "encrypted_malformed",
+    "bad_digest",
+    "plain_too_short",
+    "unknown_data_type",
+    "control_no_header",
+    "control_bad_length",
+    "registration_too_short",
+    "keepalive_too_short",
+    "dravip_too_short",
+    "control_unknown_type",
+    "registration_while_up",
+    "dravip_ignored",
+    "ipc_receive_error",
+    "ipc_short_payload",
+    "ipc_unknown_notification",
+    "ipc_unknown_request",
+    "ipc_send_as_request",
+    "ipc_bad_key",
+    "ipc_bad_app_id",
+    "ipc_bad_rate",
+    "ipc_no_rate_set",
+    "app_shorter_than_header",
+    "app_bad_length",
+    "app_link_down",
+    "app_queue_full",
+    "app_no_memory",
+    "app_unknown_endpoint",
+    "app_too_big_for_endpoint",
+    "delivery_failed",
+    "delivery_room_full",
     "delivery_endpoint_stuck",
 };
 
@@ -91,13 +128,13 @@ inline constexpr std::size_t TOVRIN_STATS_ENDPOINTS = TOVRIN_APP_EP_COUNT + 1;
 
 struct tovrin_counters_t {
     // Layout of the record, so a reader built elsewhere can tell it apart.
-    uint32_t version;        // TOVRIN_STATS_VERSION
-    uint32_t size;           // sizeof(tovrin_counters_t)
-    uint32_t refusal_count;  // TOVRIN_REFUSAL_COUNT
-    uint32_t endpoint_count; // TOVRIN_STATS_ENDPOINTS
+    uint32_t version;         // TOVRIN_STATS_VERSION
+    uint32_t size;            // sizeof(tovrin_counters_t)
+    uint32_t refusal_count;   // TOVRIN_REFUSAL_COUNT
+    uint32_t endpoint_count;  // TOVRIN_STATS_ENDPOINTS
     // Filled when read (tovrin_counters_read).
-    uint32_t link_up;        // 1 UP, 0 DOWN
-    uint32_t controller;     // network order, 0 = none configured
+    uint32_t link_up;     // 1 UP, 0 DOWN
+    uint32_t controller;  // network order, 0 = none configured
     uint64_t seconds_in_state;
     uint64_t send_queue_depth;
     uint64_t backlog_depth;
@@ -107,7 +144,7 @@ struct tovrin_counters_t {
     uint64_t link_ups, link_downs;
     uint64_t registrations_sent, keepalives_sent, keepalives_answered;
     uint64_t datagrams_in, datagrams_out, datagrams_refused;
-    uint64_t retransmissions;      // data messages sent again for want of an acknowledgement
+    uint64_t retransmissions;  // data messages sent again for want of an acknowledgement
     uint64_t up_messages_accepted, up_messages_acked, up_messages_failed;
     uint64_t down_messages_delivered, down_messages_dropped;
     uint64_t send_queue_high_water;

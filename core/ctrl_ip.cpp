@@ -59,8 +59,8 @@ int tovrin_proc_set_ctrl_ip(const uint8_t *payload) {
     if (rc == 0 && tovrin_parse_mac(mac_text, mac_len, tovrin_gbl.vap_mac) != 0) {
         // A MAC of another form cannot identify the node to the controller:
         // treated exactly like a MAC that cannot be read.
-        TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: %s: MAC text \"%.*s\" is not six hex pairs\n",
-                   "tovrin_proc_set_ctrl_ip", static_cast<int>(mac_len), mac_text);
+        TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: %s: MAC text \"%.*s\" is not six hex pairs\n", "tovrin_proc_set_ctrl_ip",
+                   static_cast<int>(mac_len), mac_text);
         rc = -1;
     }
     if (rc != 0) {

@@ -20,8 +20,8 @@ namespace {
 bool payload_fits(const vk_ipc_msg_t *msg, uint32_t need) {
     if (msg->len >= need) return true;
     tovrin_refused(TOVRIN_REFUSED_IPC_SHORT_PAYLOAD);
-    TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: message %u refused: %u payload bytes, needs %u\n",
-               "tovrin_proc_not", msg->type, msg->len, need);
+    TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: message %u refused: %u payload bytes, needs %u\n", "tovrin_proc_not",
+               msg->type, msg->len, need);
     return false;
 }
 
@@ -36,25 +36,17 @@ int32_t load_host32(const uint8_t *p) {
 int tovrin_proc_not(const vk_ipc_msg_t *msg, const char * /*sender*/) {
     const uint8_t *payload = msg->payload;
     switch (msg->type) {
-    case TOVRIN_IPC_SYSMON_HB:
-        sysmon_send_hb(&tovrin_ipc, TOVRIN_SYSMON_NUM);
-        break;
+    case TOVRIN_IPC_SYSMON_HB: sysmon_send_hb(&tovrin_ipc, TOVRIN_SYSMON_NUM); break;
     case TOVRIN_IPC_SYSTEM_READY:
-    case TOVRIN_IPC_SYSTEM_READY2:
-        TOVRIN_LOG(TOVRIN_LOG_INFO, "System Ready message received\n");
-        break;
+    case TOVRIN_IPC_SYSTEM_READY2: TOVRIN_LOG(TOVRIN_LOG_INFO, "System Ready message received\n"); break;
     case TOVRIN_IPC_SET_LOG_CFG:
         if (payload_fits(msg, VK_LOG_CFG_LEN)) VK_LOG_SET_CFG(payload);
         break;
     case TOVRIN_IPC_KARATE:
         if (payload_fits(msg, 8)) tovrin_proc_karate(payload);
         break;
-    case TOVRIN_IPC_SEND_MSG:
-        tovrin_proc_send_msg(payload, msg->len);
-        break;
-    case TOVRIN_IPC_CFG_UPDATE:
-        tovrin_proc_cfg_update();
-        break;
+    case TOVRIN_IPC_SEND_MSG: tovrin_proc_send_msg(payload, msg->len); break;
+    case TOVRIN_IPC_CFG_UPDATE: tovrin_proc_cfg_update(); break;
     case TOVRIN_IPC_CTRL_IP:
         if (payload_fits(msg, 4)) {
             tovrin_comm_close();
@@ -82,9 +74,7 @@ int tovrin_proc_reqresp(const vk_ipc_msg_t *msg, const char *sender) {
     static vk_ipc_msg_t resp;
     resp.len = 0;
     switch (msg->type) {
-    case TOVRIN_IPC_GET_LOG_CFG:
-        VK_LOG_GET_CFG(&resp);
-        break;
+    case TOVRIN_IPC_GET_LOG_CFG: VK_LOG_GET_CFG(&resp); break;
     case TOVRIN_IPC_DUMP: {
         // A dump file that cannot be opened must not keep the answer from going out.
         FILE *f = std::fopen(TOVRIN_DUMP_FILE, "w");
@@ -112,13 +102,11 @@ int tovrin_proc_reqresp(const vk_ipc_msg_t *msg, const char *sender) {
     }
     case TOVRIN_IPC_SEND_MSG:
         tovrin_refused(TOVRIN_REFUSED_IPC_SEND_AS_REQUEST);
-        TOVRIN_LOG(TOVRIN_LOG_NOTE, "Not Implemented message %d type Request/Response\n",
-                   static_cast<int>(msg->type));
+        TOVRIN_LOG(TOVRIN_LOG_NOTE, "Not Implemented message %d type Request/Response\n", static_cast<int>(msg->type));
         break;
     default:
         tovrin_refused(TOVRIN_REFUSED_IPC_UNKNOWN_REQUEST);
-        TOVRIN_LOG(TOVRIN_LOG_NOTE, "Not expecting message %d type Request/Response\n",
-                   static_cast<int>(msg->type));
+        TOVRIN_LOG(TOVRIN_LOG_NOTE, "Not expecting message %d type Request/Response\n", static_cast<int>(msg->type));
         break;
     }
     resp.type = msg->type;
@@ -136,9 +124,7 @@ void tovrin_proc_cfg_update(void) {
     std::fflush(stdout);
 }
 
-void tovrin_dump_all(FILE * /*stream*/) {
-    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s\n", "tovrin_dump_all");
-}
+void tovrin_dump_all(FILE * /*stream*/) { TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s\n", "tovrin_dump_all"); }
 
 int tovrin_proc_set_key(const uint8_t *payload, uint32_t len) {
     if (len < 4) return -1;
@@ -149,8 +135,7 @@ int tovrin_proc_set_key(const uint8_t *payload, uint32_t len) {
     // with something the controller does not hold. The old key stays.
     if (n > TOVRIN_KEY_MAX || n > len - 4) {
         tovrin_refused(TOVRIN_REFUSED_IPC_BAD_KEY);
-        TOVRIN_LOG(TOVRIN_LOG_NOTE,
-                   "NOTE: <<%s: key length %u refused: %u key bytes received, room for %u\n",
+        TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: key length %u refused: %u key bytes received, room for %u\n",
                    "tovrin_proc_set_key", n, len - 4, static_cast<unsigned>(TOVRIN_KEY_MAX));
         return -1;
     }

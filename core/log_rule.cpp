@@ -22,8 +22,8 @@ void tovrin_log_write(const char *fmt, ...) {
         }
         vk_timeb tb{};
         vk_os_ftime(&tb);
-        cur_log_size += counted(std::fprintf(log_file_name, "%s:%ld:%u: ", submod_name,
-                                             static_cast<long>(tb.time), unsigned{tb.millitm}));
+        cur_log_size += counted(
+            std::fprintf(log_file_name, "%s:%ld:%u: ", submod_name, static_cast<long>(tb.time), unsigned{tb.millitm}));
         va_list file_ap;
         va_copy(file_ap, ap);
         cur_log_size += counted(std::vfprintf(log_file_name, fmt, file_ap));

@@ -13,8 +13,7 @@ inline constexpr int TOVRIN_LOG_DBG = 4;
 // message, a flush, and the echo on standard output when it is on.
 void tovrin_log_write(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
-#define TOVRIN_LOG(level, ...)                                   \
-    do {                                                         \
-        if (vk_log_conf_data[VK_LOG_W_LEVEL] >= (level))         \
-            tovrin_log_write(__VA_ARGS__);                       \
+#define TOVRIN_LOG(level, ...)                                                          \
+    do {                                                                                \
+        if (vk_log_conf_data[VK_LOG_W_LEVEL] >= (level)) tovrin_log_write(__VA_ARGS__); \
     } while (0)

@@ -65,7 +65,7 @@ std::vector<uint8_t> md5(const uint8_t *p, std::size_t n) {
 std::optional<std::vector<uint8_t>> decrypt(const std::vector<uint8_t> &key, const uint8_t *iv, const uint8_t *in,
                                             std::size_t n) {
     Crypto &cr = crypto();
-    const EVP_CIPHER *c = key.size() == 16 ? cr.aes[0]
+    const EVP_CIPHER *c = key.size() == 16   ? cr.aes[0]
                           : key.size() == 24 ? cr.aes[1]
                           : key.size() == 32 ? cr.aes[2]
                                              : nullptr;
@@ -134,8 +134,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
         if (k.size() <= TOVRIN_KEY_MAX) key = k;  // a longer key is refused, the old (none) stays
         break;
     }
-    default:
-        break;
+    default: break;
     }
     FZ_CHECK(tovrin_gbl.keylen == key.size() && std::equal(key.begin(), key.end(), tovrin_gbl.key));
     sim::ipc_clear_sent();

@@ -48,8 +48,7 @@ struct Model {
         } else if (last_flags & TOVRIN_F_MORE_FRAGS) {
             if (f != static_cast<uint8_t>(last_frag + 1)) return;
         } else {
-            if ((F & TOVRIN_F_RETX) && f == 0 && (F & TOVRIN_F_ACK_REQ) && acked_trans == t)
-                ack(TOVRIN_F_RETX);
+            if ((F & TOVRIN_F_RETX) && f == 0 && (F & TOVRIN_F_ACK_REQ) && acked_trans == t) ack(TOVRIN_F_RETX);
             return;
         }
         const std::size_t base = restart ? 0 : buf.size();
@@ -138,7 +137,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
         std::vector<uint8_t> d(len, fill);
         if ((fb & 0x08) && frag == 0 && len >= TOVRIN_PLAIN_HDR_LEN) {
             // A message header claiming a total size of (fill+1) fragments or so.
-            const std::size_t total = std::min<std::size_t>(TOVRIN_MAX_PAYLOAD, (fill % 17) * TOVRIN_FRAG_SIZE + len % 97);
+            const std::size_t total =
+                std::min<std::size_t>(TOVRIN_MAX_PAYLOAD, (fill % 17) * TOVRIN_FRAG_SIZE + len % 97);
             auto h = fz::plain_payload(100 + (fill & 7), kDst[fb >> 4 & 3], {});
             tovrin_store16(&h[2], static_cast<uint16_t>(total));
             std::copy(h.begin(), h.end(), d.begin());

@@ -127,7 +127,11 @@ void ipc_seeds() {
     Bytes b{0x00};  // down
     chunk(b, 0x00, envelope(TOVRIN_IPC_SEND_MSG, N, app_msg(101, 200, 0x100, 1, pattern(10, 1))));
     chunk(b, 0x00, envelope(TOVRIN_IPC_SEND_MSG, N, app_msg(102, 200, 0x300, 2, {})));
-    chunk(b, 0x00, envelope(TOVRIN_IPC_SET_KEY, N, [] { Bytes k = host32s({16}); append(k, pattern(16, 5)); return k; }()));
+    chunk(b, 0x00, envelope(TOVRIN_IPC_SET_KEY, N, [] {
+              Bytes k = host32s({16});
+              append(k, pattern(16, 5));
+              return k;
+          }()));
     chunk(b, 0x00, envelope(TOVRIN_IPC_SET_ENCRYPT, N, host32s({1})));
     chunk(b, 0x00, envelope(TOVRIN_IPC_KARATE, N, host32s({7, 2000})));
     chunk(b, 0x00, envelope(TOVRIN_IPC_KARATE, N, host32s({7, 0})));
@@ -147,7 +151,11 @@ void ipc_seeds() {
     write("fuzz_ipc", "up", b);
 
     b = {0x01};  // up: key, encryption, messages, a new controller mid-transfer
-    chunk(b, 0x00, envelope(TOVRIN_IPC_SET_KEY, N, [] { Bytes k = host32s({16}); append(k, pattern(16, 5)); return k; }()));
+    chunk(b, 0x00, envelope(TOVRIN_IPC_SET_KEY, N, [] {
+              Bytes k = host32s({16});
+              append(k, pattern(16, 5));
+              return k;
+          }()));
     chunk(b, 0x00, envelope(TOVRIN_IPC_SET_ENCRYPT, N, host32s({1})));
     chunk(b, 0x00, envelope(TOVRIN_IPC_SEND_MSG, N, app_msg(106, 200, 0x100, 1, pattern(100, 4))));
     chunk(b, 0x00, envelope(TOVRIN_IPC_SEND_MSG, N, app_msg(107, 200, 0x100, 2, pattern(17, 4))));
@@ -198,7 +206,7 @@ void reasm_seeds() {
 
 void decrypt_seeds() {
     Bytes b{0x00};
-    append(b, pattern(16, 0x40));  // key
+    append(b, pattern(16, 0x40));   // key
     chunk(b, 0x00, pattern(5, 1));  // valid payload
     append(b, pattern(16, 2));      // iv
     chunk(b, 0x00, pattern(2000, 3));

@@ -61,8 +61,8 @@ const EVP_CIPHER *aes_for(std::size_t keylen) {
 
 }  // namespace
 
-bool tovrin_aes_cbc(bool encrypt, const uint8_t *in, uint8_t *out, std::size_t len,
-                    const uint8_t *key, std::size_t keylen, const uint8_t iv[TOVRIN_IV_LEN]) {
+bool tovrin_aes_cbc(bool encrypt, const uint8_t *in, uint8_t *out, std::size_t len, const uint8_t *key,
+                    std::size_t keylen, const uint8_t iv[TOVRIN_IV_LEN]) {
     const EVP_CIPHER *cipher = aes_for(keylen);
     if (cipher == nullptr || len % TOVRIN_AES_BLOCK != 0 || len > INT_MAX) return false;
     evp_state &st = evp();

@@ -24,16 +24,14 @@ bool tovrin_data_fits(uint32_t n) {
     return n <= (tovrin_gbl.encrypt_state == 1 ? TOVRIN_MAX_ENC_DATA : TOVRIN_MAX_PLAIN_DATA);
 }
 
-void tovrin_prepare_data(uint8_t *data, int32_t *data_len, const tovrin_app_msg_t *app,
-                         const uint8_t *app_data) {
+void tovrin_prepare_data(uint8_t *data, int32_t *data_len, const tovrin_app_msg_t *app, const uint8_t *app_data) {
     if (tovrin_gbl.encrypt_state == 1)
         tovrin_prepare_data_encrypted(data, data_len, app, app_data);
     else
         tovrin_prepare_data_plain(data, data_len, app, app_data);
 }
 
-void tovrin_prepare_data_plain(uint8_t *data, int32_t *data_len, const tovrin_app_msg_t *app,
-                               const uint8_t *app_data) {
+void tovrin_prepare_data_plain(uint8_t *data, int32_t *data_len, const tovrin_app_msg_t *app, const uint8_t *app_data) {
     uint32_t len = app->len + TOVRIN_PLAIN_HDR_LEN;
     *data_len = static_cast<int32_t>(len);
     store_head(data, TOVRIN_DATA_PLAIN, len, app);
@@ -61,8 +59,8 @@ void tovrin_get_iv(uint8_t *iv, uint32_t count) {
     for (int i = 0; i < 4; ++i) tovrin_store32(iv + 4 * i, static_cast<uint32_t>(vk_os_rand()));
 }
 
-bool tovrin_perform_encrypt(const uint8_t *in, uint8_t *out, std::size_t len, const uint8_t *key,
-                            uint32_t keylen, const uint8_t *iv) {
+bool tovrin_perform_encrypt(const uint8_t *in, uint8_t *out, std::size_t len, const uint8_t *key, uint32_t keylen,
+                            const uint8_t *iv) {
     if (!tovrin_aes_cbc(true, in, out, len, key, keylen, iv)) {
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: Encrypt key set failed\n");
         return false;
@@ -70,8 +68,8 @@ bool tovrin_perform_encrypt(const uint8_t *in, uint8_t *out, std::size_t len, co
     return true;
 }
 
-bool tovrin_perform_decrypt(const uint8_t *in, uint8_t *out, std::size_t len, const uint8_t *key,
-                            uint32_t keylen, const uint8_t *iv) {
+bool tovrin_perform_decrypt(const uint8_t *in, uint8_t *out, std::size_t len, const uint8_t *key, uint32_t keylen,
+                            const uint8_t *iv) {
     if (!tovrin_aes_cbc(false, in, out, len, key, keylen, iv)) {
         std::puts("Decrypt key set failed");
         std::fflush(stdout);
@@ -87,12 +85,11 @@ bool tovrin_protect_payload(uint8_t *payload, std::size_t len, uint8_t *out) {
         return false;
     }
     std::memcpy(out, payload, TOVRIN_ENC_HDR_LEN);
-    return tovrin_perform_encrypt(payload + TOVRIN_ENC_HDR_LEN, out + TOVRIN_ENC_HDR_LEN, body,
-                                  tovrin_gbl.key, tovrin_gbl.keylen, payload + TOVRIN_DOFF_IV);
+    return tovrin_perform_encrypt(payload + TOVRIN_ENC_HDR_LEN, out + TOVRIN_ENC_HDR_LEN, body, tovrin_gbl.key,
+                                  tovrin_gbl.keylen, payload + TOVRIN_DOFF_IV);
 }
 
-bool tovrin_open_payload(const uint8_t *payload, std::size_t len, uint8_t *plain, std::size_t *n,
-                         const char **why) {
+bool tovrin_open_payload(const uint8_t *payload, std::size_t len, uint8_t *plain, std::size_t *n, const char **why) {
     // Bounds first: a short or ragged payload would make the arithmetic below negative.
     if (len < TOVRIN_ENC_HDR_LEN || (len - TOVRIN_ENC_HDR_LEN) % TOVRIN_AES_BLOCK != 0) {
         *why = "not a whole number of blocks after the 48-byte header";
@@ -105,8 +102,8 @@ bool tovrin_open_payload(const uint8_t *payload, std::size_t len, uint8_t *plain
         return false;
     }
     // A key that cannot be set up leaves nothing to check: dropped as a bad digest.
-    if (!tovrin_perform_decrypt(payload + TOVRIN_ENC_HDR_LEN, plain, body, tovrin_gbl.key,
-                                tovrin_gbl.keylen, payload + TOVRIN_DOFF_IV)) {
+    if (!tovrin_perform_decrypt(payload + TOVRIN_ENC_HDR_LEN, plain, body, tovrin_gbl.key, tovrin_gbl.keylen,
+                                payload + TOVRIN_DOFF_IV)) {
         *why = nullptr;
         return false;
     }

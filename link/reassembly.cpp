@@ -25,8 +25,8 @@ int tovrin_recv_frag(tovrin_link_t *link, const tovrin_hdr_t *hdr, const uint8_t
         if (f != 0) {
             tovrin_refused(TOVRIN_REFUSED_FRAGMENT_BEFORE_FIRST);
             TOVRIN_LOG(TOVRIN_LOG_NOTE,
-                       "NOTE: <<<%s: Recv frag %d expecting 1st frag from Ctlr %u.%u.%u.%u Ctlr Trans %d\n", fn,
-                       f, TOVRIN_IP_ARGS(link->drav_ip), t);
+                       "NOTE: <<<%s: Recv frag %d expecting 1st frag from Ctlr %u.%u.%u.%u Ctlr Trans %d\n", fn, f,
+                       TOVRIN_IP_ARGS(link->drav_ip), t);
             return -1;
         }
         restart = true;  // first fragment of a resent message not seen before
@@ -34,8 +34,8 @@ int tovrin_recv_frag(tovrin_link_t *link, const tovrin_hdr_t *hdr, const uint8_t
         // After fragment 255 no number follows: 0 would be taken for a new start.
         if (last_frag == UINT8_MAX || f != last_frag + 1) {
             tovrin_refused(TOVRIN_REFUSED_FRAGMENT_OUT_OF_ORDER);
-            TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: seq %d expected frag %d received %d from Ctlr %u.%u.%u.%u\n",
-                       fn, t, last_frag + 1, f, TOVRIN_IP_ARGS(link->drav_ip));
+            TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: seq %d expected frag %d received %d from Ctlr %u.%u.%u.%u\n", fn,
+                       t, last_frag + 1, f, TOVRIN_IP_ARGS(link->drav_ip));
             return -1;
         }
     } else if (c.rx_withheld && f == 0) {
@@ -52,8 +52,8 @@ int tovrin_recv_frag(tovrin_link_t *link, const tovrin_hdr_t *hdr, const uint8_t
         // hand is the next fragment of the last one, as in the line above.
         tovrin_refused(TOVRIN_REFUSED_FRAGMENT_UNEXPECTED);
         TOVRIN_LOG(TOVRIN_LOG_NOTE,
-                   "NOTE: <<%s: unexpected seq %d frag %d flags 0x%02x expected seq %d from ctlr %u.%u.%u.%u\n",
-                   fn, t, f, F, last_frag + 1, TOVRIN_IP_ARGS(link->drav_ip));
+                   "NOTE: <<%s: unexpected seq %d frag %d flags 0x%02x expected seq %d from ctlr %u.%u.%u.%u\n", fn, t,
+                   f, F, last_frag + 1, TOVRIN_IP_ARGS(link->drav_ip));
         return -1;
     }
 
@@ -61,8 +61,8 @@ int tovrin_recv_frag(tovrin_link_t *link, const tovrin_hdr_t *hdr, const uint8_t
     if (base + len > static_cast<int>(TOVRIN_MAX_PAYLOAD)) {
         tovrin_refused(TOVRIN_REFUSED_MESSAGE_TOO_BIG);
         TOVRIN_LOG(TOVRIN_LOG_NOTE,
-                   "NOTE: <<%s: Packet too big Recv len %d data_len %d from  ctlr %u.%u.%u.%u AP Trans %d\n", fn,
-                   base, len, TOVRIN_IP_ARGS(link->drav_ip), t);
+                   "NOTE: <<%s: Packet too big Recv len %d data_len %d from  ctlr %u.%u.%u.%u AP Trans %d\n", fn, base,
+                   len, TOVRIN_IP_ARGS(link->drav_ip), t);
         return -1;
     }
     c.rx_len = base;
@@ -70,8 +70,7 @@ int tovrin_recv_frag(tovrin_link_t *link, const tovrin_hdr_t *hdr, const uint8_t
     c.rx_withheld = 0;
     std::memcpy(c.rx_buf + c.rx_len, payload, static_cast<std::size_t>(len));
     c.rx_len += len;
-    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Process msg %d from %u.%u.%u.%u\n", fn, t,
-               TOVRIN_IP_ARGS(link->drav_ip));
+    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Process msg %d from %u.%u.%u.%u\n", fn, t, TOVRIN_IP_ARGS(link->drav_ip));
     return 0;
 }
 
@@ -91,8 +90,8 @@ void tovrin_send_ack(tovrin_link_t *link, uint8_t flags) {
     }
     uint8_t wire[TOVRIN_HDR_LEN];
     tovrin_hdr_encode(c.ack_hdr, wire);
-    if (vk_os_sendto(link->sock, wire, sizeof wire, MSG_DONTWAIT,
-                     reinterpret_cast<const sockaddr *>(&link->peer_addr), sizeof link->peer_addr) >= 0)
+    if (vk_os_sendto(link->sock, wire, sizeof wire, MSG_DONTWAIT, reinterpret_cast<const sockaddr *>(&link->peer_addr),
+                     sizeof link->peer_addr) >= 0)
         ++tovrin_counters.datagrams_out;
     TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s\n", fn);
 }
@@ -111,8 +110,9 @@ void tovrin_recv_data(tovrin_link_t *link) {
     if ((c.rx_hdr.flags & TOVRIN_F_ACK_REQ) &&
         !tovrin_backlog_has_room(TOVRIN_APP_HDR_LEN + static_cast<std::size_t>(rx_len))) {
         tovrin_refused(TOVRIN_REFUSED_ENDPOINTS_BUSY);
-        TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Local endpoints busy, msg %d from %u.%u.%u.%u left to its retransmission\n",
-                   fn, c.rx_hdr.ctlr_trans, TOVRIN_IP_ARGS(link->drav_ip));
+        TOVRIN_LOG(TOVRIN_LOG_NOTE,
+                   "NOTE: <<%s: Local endpoints busy, msg %d from %u.%u.%u.%u left to its retransmission\n", fn,
+                   c.rx_hdr.ctlr_trans, TOVRIN_IP_ARGS(link->drav_ip));
         c.rx_len = 0;
         c.rx_withheld = 1;
         return;
@@ -159,8 +159,9 @@ void tovrin_recv_data(tovrin_link_t *link) {
         if (rx_len < static_cast<int>(TOVRIN_PLAIN_HDR_LEN)) {
             tovrin_refused(TOVRIN_REFUSED_PLAIN_TOO_SHORT);
             ++tovrin_counters.down_messages_dropped;
-            TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Malformed plain msg %d (shorter than its header) from %u.%u.%u.%u\n",
-                       fn, c.rx_hdr.ctlr_trans, TOVRIN_IP_ARGS(link->drav_ip));
+            TOVRIN_LOG(TOVRIN_LOG_NOTE,
+                       "NOTE: <<%s: Malformed plain msg %d (shorter than its header) from %u.%u.%u.%u\n", fn,
+                       c.rx_hdr.ctlr_trans, TOVRIN_IP_ARGS(link->drav_ip));
             return;
         }
         data = c.rx_buf + TOVRIN_PLAIN_HDR_LEN;
@@ -175,6 +176,6 @@ void tovrin_recv_data(tovrin_link_t *link) {
     // Endpoints lie in the clear inner header in both forms.
     tovrin_handle_msg(link, static_cast<int32_t>(tovrin_load32(c.rx_buf + TOVRIN_DOFF_SRC)),
                       static_cast<int32_t>(tovrin_load32(c.rx_buf + TOVRIN_DOFF_DST)), data, n);
-    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Process msg %d type(%d) from %u.%u.%u.%u\n", fn, c.rx_hdr.ctlr_trans,
-               type, TOVRIN_IP_ARGS(link->drav_ip));
+    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Process msg %d type(%d) from %u.%u.%u.%u\n", fn, c.rx_hdr.ctlr_trans, type,
+               TOVRIN_IP_ARGS(link->drav_ip));
 }

@@ -17,8 +17,7 @@ void tovrin_recv_handler(int sock, void * /*eloop_ctx*/, void * /*sock_ctx*/) {
     uint8_t buf[TOVRIN_MAX_DGRAM];
     sockaddr_in from{};
     socklen_t fromlen = sizeof from;
-    ssize_t n = vk_os_recvfrom(sock, buf, sizeof buf, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from),
-                               &fromlen);
+    ssize_t n = vk_os_recvfrom(sock, buf, sizeof buf, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from), &fromlen);
     if (n < 0) {
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Failed to recv fd %d properly %d, errno %d.\n", fn, sock,
                    static_cast<int>(n), errno);
@@ -41,8 +40,8 @@ void tovrin_recv_handler(int sock, void * /*eloop_ctx*/, void * /*sock_ctx*/) {
     int avail = static_cast<int>(n) - hdr.hdr_len;
     if (avail < hdr.data_len) {
         tovrin_refused(TOVRIN_REFUSED_TRUNCATED);
-        TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Not able to recv on %d complete data length %d, %d.\n", fn,
-                   sock, hdr.data_len, avail);
+        TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Not able to recv on %d complete data length %d, %d.\n", fn, sock,
+                   hdr.data_len, avail);
         return;
     }
     if (avail > hdr.data_len) {
@@ -58,8 +57,7 @@ void tovrin_recv_handler(int sock, void * /*eloop_ctx*/, void * /*sock_ctx*/) {
     }
     if (hdr.magic != TOVRIN_MAGIC) {
         tovrin_refused(TOVRIN_REFUSED_BAD_MAGIC);
-        TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: fd %d Invalid magic number hdr version 0x%08x.\n", fn, sock,
-                   hdr.magic);
+        TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: fd %d Invalid magic number hdr version 0x%08x.\n", fn, sock, hdr.magic);
         return;
     }
     // A longer header than ours is honoured: the payload starts where the
@@ -83,8 +81,8 @@ void tovrin_recv_handler(int sock, void * /*eloop_ctx*/, void * /*sock_ctx*/) {
     }
     if (src != g.drav_ip) {
         tovrin_refused(TOVRIN_REFUSED_DATA_FROM_STRANGER);
-        TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Read on %d from wrong DRAV %u.%u.%u.%u Real DRAV %u.%u.%u.%u\n",
-                   fn, sock, TOVRIN_IP_ARGS(src), TOVRIN_IP_ARGS(g.drav_ip));
+        TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Read on %d from wrong DRAV %u.%u.%u.%u Real DRAV %u.%u.%u.%u\n", fn,
+                   sock, TOVRIN_IP_ARGS(src), TOVRIN_IP_ARGS(g.drav_ip));
         return;
     }
     if (hdr.flags & TOVRIN_F_ACK) {
@@ -96,11 +94,11 @@ void tovrin_recv_handler(int sock, void * /*eloop_ctx*/, void * /*sock_ctx*/) {
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s Bad frag received from AP(%p) %u.%u.%u.%u\n", fn,
                    static_cast<void *>(&g), TOVRIN_IP_ARGS(g.drav_ip));
     } else if (hdr.flags & TOVRIN_F_MORE_FRAGS) {
-        TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s Receiving frag from AP(%p) %u.%u.%u.%u\n", fn,
-                   static_cast<void *>(&g), TOVRIN_IP_ARGS(g.drav_ip));
+        TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s Receiving frag from AP(%p) %u.%u.%u.%u\n", fn, static_cast<void *>(&g),
+                   TOVRIN_IP_ARGS(g.drav_ip));
     } else {
         tovrin_recv_data(&g);
-        TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Processed on fd %d AP(%p) %u.%u.%u.%u flags 0x%02x\n", fn,
-                   sock, static_cast<void *>(&g), TOVRIN_IP_ARGS(g.drav_ip), hdr.flags);
+        TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Processed on fd %d AP(%p) %u.%u.%u.%u flags 0x%02x\n", fn, sock,
+                   static_cast<void *>(&g), TOVRIN_IP_ARGS(g.drav_ip), hdr.flags);
     }
 }

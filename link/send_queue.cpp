@@ -39,15 +39,14 @@ tovrin_msg_t *tovrin_new_send_msg(tovrin_link_t *link, const tovrin_app_msg_t *a
     if (link->comm.msg_cnt >= tovrin_send_queue_max) {
         tovrin_refused(TOVRIN_REFUSED_APP_QUEUE_FULL);
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s Send queue full (%d messages) for msg to AP(%p)%u.%u.%u.%u\n",
-                   "tovrin_new_send_msg", link->comm.msg_cnt, static_cast<void *>(link),
-                   TOVRIN_IP_ARGS(link->drav_ip));
+                   "tovrin_new_send_msg", link->comm.msg_cnt, static_cast<void *>(link), TOVRIN_IP_ARGS(link->drav_ip));
         return nullptr;
     }
     auto *msg = static_cast<tovrin_msg_t *>(std::malloc(sizeof(tovrin_msg_t)));
     if (msg == nullptr) {
         tovrin_refused(TOVRIN_REFUSED_APP_NO_MEMORY);
-        TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s Out of memory for msg to AP(%p)%u.%u.%u.%u\n",
-                   "tovrin_new_send_msg", static_cast<void *>(link), TOVRIN_IP_ARGS(link->drav_ip));
+        TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s Out of memory for msg to AP(%p)%u.%u.%u.%u\n", "tovrin_new_send_msg",
+                   static_cast<void *>(link), TOVRIN_IP_ARGS(link->drav_ip));
         return nullptr;
     }
     tovrin_comm_t &comm = link->comm;
@@ -74,15 +73,13 @@ tovrin_msg_t *tovrin_new_send_msg(tovrin_link_t *link, const tovrin_app_msg_t *a
 }
 
 void tovrin_tx_msg(tovrin_link_t *link, int retry) {
-    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s AP(%p) - Retry %d\n", "tovrin_tx_msg",
-               static_cast<void *>(link), retry);
+    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s AP(%p) - Retry %d\n", "tovrin_tx_msg", static_cast<void *>(link), retry);
     tovrin_comm_t &comm = link->comm;
     tovrin_msg_t *head = comm.head;
     if (head == nullptr) return;
     if (retry == 0 && comm.ack_wait == 1) {
-        TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s Queuing message to AP(%p) %u.%u.%u.%u - flags 0x%02x\n",
-                   "tovrin_tx_msg", static_cast<void *>(link), TOVRIN_IP_ARGS(link->drav_ip),
-                   head->hdr.flags);
+        TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s Queuing message to AP(%p) %u.%u.%u.%u - flags 0x%02x\n", "tovrin_tx_msg",
+                   static_cast<void *>(link), TOVRIN_IP_ARGS(link->drav_ip), head->hdr.flags);
         return;
     }
     // The retry cycle runs even with no socket, so a message never waits forever.
@@ -136,19 +133,17 @@ void tovrin_tx_msg(tovrin_link_t *link, int retry) {
         off += size;
         ++n;
     } while (off < total);
-    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s sent seq %d with %d fragments\n", "tovrin_tx_msg",
-               head->hdr.ap_trans, n);
+    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s sent seq %d with %d fragments\n", "tovrin_tx_msg", head->hdr.ap_trans, n);
 }
 
 void tovrin_msg_retry(void *eloop_ctx, void *user_ctx) {
     auto *link = static_cast<tovrin_link_t *>(eloop_ctx);
     int retry_cnt = static_cast<int>(reinterpret_cast<intptr_t>(user_ctx));
-    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s AP(%p) - retry_cnt %d\n", "tovrin_msg_retry",
-               static_cast<void *>(link), retry_cnt);
+    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s AP(%p) - retry_cnt %d\n", "tovrin_msg_retry", static_cast<void *>(link),
+               retry_cnt);
     if (retry_cnt < kMaxRetry) {
         tovrin_tx_msg(link, retry_cnt + 1);
-        vk_eloop_register_timeout(0, 1000u * (1000u << retry_cnt), tovrin_msg_retry, link,
-                                  retry_value(retry_cnt + 1));
+        vk_eloop_register_timeout(0, 1000u * (1000u << retry_cnt), tovrin_msg_retry, link, retry_value(retry_cnt + 1));
     } else {
         link->comm.ack_wait = 0;
         tovrin_status_down(link);
@@ -157,16 +152,14 @@ void tovrin_msg_retry(void *eloop_ctx, void *user_ctx) {
 }
 
 void tovrin_recv_ack(tovrin_link_t *link, const tovrin_hdr_t *hdr) {
-    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s Received Ack %d from AP(%p) %u.%u.%u.%u - len %d\n",
-               "tovrin_recv_ack", hdr->ap_trans, static_cast<void *>(link),
-               TOVRIN_IP_ARGS(link->drav_ip), hdr->data_len);
+    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s Received Ack %d from AP(%p) %u.%u.%u.%u - len %d\n", "tovrin_recv_ack",
+               hdr->ap_trans, static_cast<void *>(link), TOVRIN_IP_ARGS(link->drav_ip), hdr->data_len);
     tovrin_comm_t &comm = link->comm;
     if (comm.ack_wait == 0 || comm.head == nullptr) {
         tovrin_refused(TOVRIN_REFUSED_ACK_NOT_WAITING);
-        TOVRIN_LOG(TOVRIN_LOG_NOTE,
-                   "NOTE: <<%s: Ack rcvd not waiting data_len %d from AP(%p) %u.%u.%u.%u  AP Trans %d\n",
-                   "tovrin_recv_ack", hdr->data_len, static_cast<void *>(link),
-                   TOVRIN_IP_ARGS(link->drav_ip), hdr->ap_trans);
+        TOVRIN_LOG(
+            TOVRIN_LOG_NOTE, "NOTE: <<%s: Ack rcvd not waiting data_len %d from AP(%p) %u.%u.%u.%u  AP Trans %d\n",
+            "tovrin_recv_ack", hdr->data_len, static_cast<void *>(link), TOVRIN_IP_ARGS(link->drav_ip), hdr->ap_trans);
         return;
     }
     tovrin_msg_t *head = comm.head;
@@ -182,14 +175,13 @@ void tovrin_recv_ack(tovrin_link_t *link, const tovrin_hdr_t *hdr) {
     tovrin_handle_ack(link, head);
     tovrin_complete_send_msg(link, head);
     if (comm.head != nullptr) tovrin_tx_msg(link, 0);
-    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Ack from AP(%p) %u.%u.%u.%u\n", "tovrin_recv_ack",
-               static_cast<void *>(link), TOVRIN_IP_ARGS(link->drav_ip));
+    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Ack from AP(%p) %u.%u.%u.%u\n", "tovrin_recv_ack", static_cast<void *>(link),
+               TOVRIN_IP_ARGS(link->drav_ip));
 }
 
 void tovrin_complete_send_msg(tovrin_link_t *link, tovrin_msg_t *msg) {
-    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s<< Removing message %p from AP(%p) %u.%u.%u.%u\n",
-               "tovrin_complete_send_msg", static_cast<void *>(msg), static_cast<void *>(link),
-               TOVRIN_IP_ARGS(link->drav_ip));
+    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s<< Removing message %p from AP(%p) %u.%u.%u.%u\n", "tovrin_complete_send_msg",
+               static_cast<void *>(msg), static_cast<void *>(link), TOVRIN_IP_ARGS(link->drav_ip));
     tovrin_comm_t &comm = link->comm;
     if (msg->next != nullptr)
         msg->next->prev = msg->prev;
@@ -201,8 +193,8 @@ void tovrin_complete_send_msg(tovrin_link_t *link, tovrin_msg_t *msg) {
 }
 
 void tovrin_cancel_msg(tovrin_link_t *link) {
-    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s<< AP(%p) -  ack_wait %d\n", "tovrin_cancel_msg",
-               static_cast<void *>(link), link->comm.ack_wait);
+    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s<< AP(%p) -  ack_wait %d\n", "tovrin_cancel_msg", static_cast<void *>(link),
+               link->comm.ack_wait);
     if (link->comm.ack_wait != 0) {
         vk_eloop_cancel_timeout(tovrin_msg_retry, link, VK_ELOOP_ANY);
         link->comm.ack_wait = 0;

@@ -69,8 +69,8 @@ int tovrin_client_comm_init(tovrin_link_t *link) {
     // time, or each new controller address would add another.
     vk_eloop_cancel_timeout(tovrin_send_registration, VK_ELOOP_ANY, VK_ELOOP_ANY);
     tovrin_send_registration(nullptr, nullptr);
-    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s<<: Comm Client init idx AP(%p) %u.%u.%u.%u\n",
-               "tovrin_client_comm_init", static_cast<void *>(link), TOVRIN_IP_ARGS(link->drav_ip));
+    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s<<: Comm Client init idx AP(%p) %u.%u.%u.%u\n", "tovrin_client_comm_init",
+               static_cast<void *>(link), TOVRIN_IP_ARGS(link->drav_ip));
     return 0;
 }
 

@@ -52,9 +52,7 @@ inline constexpr uint16_t TOVRIN_REG_LEN = 104;
 inline constexpr uint16_t TOVRIN_KA_LEN = 36;
 inline constexpr uint16_t TOVRIN_DRAVIP_LEN = 12;
 
-inline constexpr uint16_t tovrin_load16(const uint8_t *p) {
-    return static_cast<uint16_t>((p[0] << 8) | p[1]);
-}
+inline constexpr uint16_t tovrin_load16(const uint8_t *p) { return static_cast<uint16_t>((p[0] << 8) | p[1]); }
 inline constexpr uint32_t tovrin_load32(const uint8_t *p) {
     return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
 }
@@ -101,6 +99,6 @@ inline constexpr unsigned tovrin_ip_octet(uint32_t ip_net, int i) {
     tovrin_ip_octet((ip), 0), tovrin_ip_octet((ip), 1), tovrin_ip_octet((ip), 2), tovrin_ip_octet((ip), 3)
 
 // The address as a number whose most significant byte is the first octet.
-#define TOVRIN_IP_OCTETS_AS_U32(ip)                                                     \
-    ((tovrin_ip_octet((ip), 0) << 24) | (tovrin_ip_octet((ip), 1) << 16) |             \
-     (tovrin_ip_octet((ip), 2) << 8) | tovrin_ip_octet((ip), 3))
+#define TOVRIN_IP_OCTETS_AS_U32(ip)                                                                          \
+    ((tovrin_ip_octet((ip), 0) << 24) | (tovrin_ip_octet((ip), 1) << 16) | (tovrin_ip_octet((ip), 2) << 8) | \
+     tovrin_ip_octet((ip), 3))

@@ -14,17 +14,15 @@ typedef void (*vk_eloop_signal_handler)(int sig, void *ctx);
 // Prepares the loop; user_data is unused. Returns 0, or -1 when it cannot.
 int vk_eloop_init(void *user_data);
 // Calls handler(sock, eloop_ctx, sock_ctx) each time sock is readable. 0 or -1.
-int vk_eloop_register_read_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
-                                void *sock_ctx);
+int vk_eloop_register_read_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx, void *sock_ctx);
 void vk_eloop_unregister_read_sock(int sock);
 // Calls handler(sock, eloop_ctx, sock_ctx) each time sock is writable, until it
 // is unregistered: register only while something waits for room. 0 or -1.
-int vk_eloop_register_write_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
-                                 void *sock_ctx);
+int vk_eloop_register_write_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx, void *sock_ctx);
 void vk_eloop_unregister_write_sock(int sock);
 // One-shot: handler(eloop_ctx, user_ctx) once, secs + usecs from now. 0 or -1.
-int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs,
-                              vk_eloop_timeout_handler handler, void *eloop_ctx, void *user_ctx);
+int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs, vk_eloop_timeout_handler handler, void *eloop_ctx,
+                              void *user_ctx);
 // Removes every pending timeout of handler whose contexts match; returns how many.
 int vk_eloop_cancel_timeout(vk_eloop_timeout_handler handler, void *eloop_ctx, void *user_ctx);
 // Calls handler(sig, ctx) from the loop, never inside the signal's own

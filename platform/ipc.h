@@ -5,9 +5,9 @@
 #include <cstddef>
 #include <cstdint>
 
-inline constexpr std::size_t VK_IPC_PATH_MAX = 64;       // endpoint path field, NUL included
-inline constexpr std::size_t VK_IPC_HDR_LEN = 12;        // type, payload length, flags
-inline constexpr std::size_t VK_IPC_MSG_MAX = 16400;     // whole envelope
+inline constexpr std::size_t VK_IPC_PATH_MAX = 64;    // endpoint path field, NUL included
+inline constexpr std::size_t VK_IPC_HDR_LEN = 12;     // type, payload length, flags
+inline constexpr std::size_t VK_IPC_MSG_MAX = 16400;  // whole envelope
 inline constexpr std::size_t VK_IPC_PAYLOAD_MAX = VK_IPC_MSG_MAX - VK_IPC_HDR_LEN;
 
 // Envelope flags.
@@ -38,15 +38,15 @@ static_assert(sizeof(vk_ipc_msg_t) == VK_IPC_MSG_MAX);
 
 struct vk_ipc_recv_desc_t {
     vk_ipc_handle_t *handle;
-    vk_ipc_msg_t *msg;              // caller's buffer, VK_IPC_MSG_MAX bytes
-    char sender[VK_IPC_PATH_MAX];   // filled: sender's bound path without $VK_IPC_ROOT
+    vk_ipc_msg_t *msg;             // caller's buffer, VK_IPC_MSG_MAX bytes
+    char sender[VK_IPC_PATH_MAX];  // filled: sender's bound path without $VK_IPC_ROOT
 };
 
 struct vk_ipc_send_desc_t {
     vk_ipc_handle_t *handle;
-    uint32_t kind;                  // VK_IPC_KIND_NOTIFY or VK_IPC_KIND_RESP
-    vk_ipc_msg_t *msg;              // sends VK_IPC_HDR_LEN + msg->len bytes
-    char peer[VK_IPC_PATH_MAX];     // receiver's endpoint path, NUL-terminated
+    uint32_t kind;               // VK_IPC_KIND_NOTIFY or VK_IPC_KIND_RESP
+    vk_ipc_msg_t *msg;           // sends VK_IPC_HDR_LEN + msg->len bytes
+    char peer[VK_IPC_PATH_MAX];  // receiver's endpoint path, NUL-terminated
 };
 
 // Creates missing parent directories (0770), removes a stale socket file, refuses

@@ -61,7 +61,8 @@ int open_locked(const char *path) {
             close(fd);
             return -1;
         }
-        struct stat held {}, named {};
+        struct stat held {
+        }, named{};
         if (fstat(fd, &held) == 0 && stat(path, &named) == 0 && held.st_ino == named.st_ino &&
             held.st_dev == named.st_dev)
             return fd;

@@ -8,7 +8,7 @@
 
 // Words of vk_log_conf_data.
 inline constexpr int VK_LOG_W_VERSION = 0;
-inline constexpr int VK_LOG_W_LEVEL = 2;    // signed
+inline constexpr int VK_LOG_W_LEVEL = 2;  // signed
 inline constexpr int VK_LOG_W_ECHO = 3;
 inline constexpr int VK_LOG_W_MAXSIZE = 5;  // unsigned bytes
 inline constexpr int VK_LOG_CONF_WORDS = 6;
@@ -17,11 +17,12 @@ inline constexpr uint32_t VK_LOG_DEFAULT_MAXSIZE = 1048576;
 inline constexpr int32_t VK_LOG_DEFAULT_LEVEL = 3;
 
 // The record's words at process start.
-inline constexpr int32_t VK_LOG_CONF_START[VK_LOG_CONF_WORDS] = {1, 0, VK_LOG_DEFAULT_LEVEL, 0, 0, int32_t(VK_LOG_DEFAULT_MAXSIZE)};
+inline constexpr int32_t VK_LOG_CONF_START[VK_LOG_CONF_WORDS] = {1, 0, VK_LOG_DEFAULT_LEVEL,
+                                                                 0, 0, int32_t(VK_LOG_DEFAULT_MAXSIZE)};
 
 extern int32_t vk_log_conf_data[VK_LOG_CONF_WORDS];
-extern FILE *log_file_name;     // open log stream, or null
-extern uint32_t cur_log_size;   // bytes written since the last rewind
+extern FILE *log_file_name;    // open log stream, or null
+extern uint32_t cur_log_size;  // bytes written since the last rewind
 
 // Sets the record (level $VK_LOG_LEVEL when set, else VK_LOG_DEFAULT_LEVEL;
 // level is the most verbose one offered and is not used) and opens

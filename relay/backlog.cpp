@@ -87,8 +87,8 @@ void load(const waiting_t &w) {
 
 void drop_note(const vk_ipc_msg_t *m, const char *peer, const char *why, tovrin_refusal_t reason) {
     tovrin_counters_local_dropped(peer, m, reason, true);
-    TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: %s: IPC msg type %u of %u bytes for %s dropped, %s\n", "tovrin_backlog",
-               m->type, m->len, peer, why);
+    TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: %s: IPC msg type %u of %u bytes for %s dropped, %s\n", "tovrin_backlog", m->type,
+               m->len, peer, why);
 }
 
 // Takes the oldest message off p and gives its blocks and record back.

@@ -40,8 +40,8 @@ void tovrin_proc_send_msg(const uint8_t *payload, uint32_t len) {
     if (m.len != len - TOVRIN_APP_HDR_LEN || !tovrin_data_fits(m.len)) {
         tovrin_refused(TOVRIN_REFUSED_APP_BAD_LENGTH);
         answer_failed(&m);
-        TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Bad length from %.*s to %d: len %u, %u data bytes received\n",
-                   fn, NAME(m), m.dst_ep, m.len, len - static_cast<uint32_t>(TOVRIN_APP_HDR_LEN));
+        TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Bad length from %.*s to %d: len %u, %u data bytes received\n", fn,
+                   NAME(m), m.dst_ep, m.len, len - static_cast<uint32_t>(TOVRIN_APP_HDR_LEN));
         return;
     }
     if (tovrin_gbl.status == 0) {
@@ -56,8 +56,8 @@ void tovrin_proc_send_msg(const uint8_t *payload, uint32_t len) {
         return;
     }
     answer_failed(&m);
-    TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Failed Sending from %.*s to %d msg flags 0x%08x\n", fn, NAME(m),
-               m.dst_ep, m.flags);
+    TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Failed Sending from %.*s to %d msg flags 0x%08x\n", fn, NAME(m), m.dst_ep,
+               m.flags);
 }
 
 void tovrin_handle_msg(tovrin_link_t * /*link*/, int32_t src, int32_t dst, const uint8_t *data, std::size_t n) {
@@ -77,8 +77,8 @@ void tovrin_handle_msg(tovrin_link_t * /*link*/, int32_t src, int32_t dst, const
 
 void tovrin_handle_ack(tovrin_link_t * /*link*/, tovrin_msg_t *msg) {
     const tovrin_app_msg_t &h = msg->app_hdr;
-    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s<<: to ep %d from %.*s len %d flags 0x%08x\n", "tovrin_handle_ack",
-               h.dst_ep, NAME(h), static_cast<int>(h.len), h.flags);
+    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s<<: to ep %d from %.*s len %d flags 0x%08x\n", "tovrin_handle_ack", h.dst_ep,
+               NAME(h), static_cast<int>(h.len), h.flags);
     if (h.flags & TOVRIN_MSG_F_ACK_REQ) tovrin_send_app(h.src_ep, &h, nullptr);
 }
 

@@ -81,8 +81,7 @@ void tovrin_proc_karate(const uint8_t *payload) {
     uint32_t rate = 0;
     std::memcpy(&app, payload, 4);
     std::memcpy(&rate, payload + 4, 4);
-    TOVRIN_LOG(TOVRIN_LOG_INFO, "INFO: >>%s: Update keepalive rate app %d to %d\n", fn, app,
-               static_cast<int>(rate));
+    TOVRIN_LOG(TOVRIN_LOG_INFO, "INFO: >>%s: Update keepalive rate app %d to %d\n", fn, app, static_cast<int>(rate));
     // -1 marks a free slot: an application of that id would corrupt the table.
     if (app == -1) {
         tovrin_refused(TOVRIN_REFUSED_IPC_BAD_APP_ID);

@@ -12,7 +12,7 @@ struct tovrin_ka_rate_t {
 };
 extern tovrin_ka_rate_t ka_rate_arr[TOVRIN_KA_SLOTS];
 
-inline constexpr std::size_t TOVRIN_KA_REQ_LEN = 48;  // frame header and 36-byte payload
+inline constexpr std::size_t TOVRIN_KA_REQ_LEN = 48;      // frame header and 36-byte payload
 inline constexpr uint32_t TOVRIN_KA_RATE_DEFAULT = 5000;  // ms
 inline constexpr uint32_t TOVRIN_KA_MISS_MAX = 3;
 // Accepted rates, ms. Below 100 a tick every 20 ms would flood the controller;

@@ -22,8 +22,8 @@ void tovrin_status_down(tovrin_link_t *link) {
         next = msg->next;
         ++tovrin_counters.up_messages_failed;
         if (msg->hdr.flags & TOVRIN_F_ACK_REQ) tovrin_ap_msg_failed(link, msg);
-        TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: %s: msg %d Failed to %u.%u.%u.%u\n", "tovrin_status_down",
-                   msg->hdr.ap_trans, TOVRIN_IP_ARGS(link->drav_ip));
+        TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: %s: msg %d Failed to %u.%u.%u.%u\n", "tovrin_status_down", msg->hdr.ap_trans,
+                   TOVRIN_IP_ARGS(link->drav_ip));
         tovrin_complete_send_msg(link, msg);
     }
     if (link->status == 1) {

@@ -14,8 +14,7 @@
 void tovrin_send_registration(void * /*eloop_ctx*/, void * /*user_ctx*/) {
     static constexpr const char *fn = "tovrin_send_registration";
     tovrin_link_t &g = tovrin_gbl;
-    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s sock %d ip %8x\n", fn, g.sock,
-               (TOVRIN_IP_OCTETS_AS_U32(g.drav_ip)));
+    TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s sock %d ip %8x\n", fn, g.sock, (TOVRIN_IP_OCTETS_AS_U32(g.drav_ip)));
 
     uint8_t req[TOVRIN_REG_REQ_LEN] = {};
     tovrin_build_ctrl_req(req, TOVRIN_CTRL_REGISTER, TOVRIN_REG_LEN, fn);
@@ -29,8 +28,8 @@ void tovrin_send_registration(void * /*eloop_ctx*/, void * /*user_ctx*/) {
     ++tovrin_counters.registrations_sent;
     int32_t next = g.reg_interval * 2;
     g.reg_interval = next <= TOVRIN_REG_INTERVAL_MAX ? next : TOVRIN_REG_INTERVAL_MAX;
-    vk_eloop_register_timeout(0, static_cast<unsigned>(g.reg_interval) * 1000u, tovrin_send_registration,
-                              nullptr, nullptr);
+    vk_eloop_register_timeout(0, static_cast<unsigned>(g.reg_interval) * 1000u, tovrin_send_registration, nullptr,
+                              nullptr);
     TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s\n", fn);
 }
 

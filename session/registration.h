@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 
-inline constexpr std::size_t TOVRIN_REG_REQ_LEN = 116;   // frame header and 104-byte payload
+inline constexpr std::size_t TOVRIN_REG_REQ_LEN = 116;     // frame header and 104-byte payload
 inline constexpr int32_t TOVRIN_REG_INTERVAL_MAX = 16000;  // ms
 
 // Sends one registration request and arms the retry timer (doubling up to

@@ -13,13 +13,11 @@
 namespace emulator {
 
 // The command line that runs program with args: the emulator's words first when one is set.
-inline std::vector<std::string> command(const std::string &program, const std::vector<std::string> &args)
-{
+inline std::vector<std::string> command(const std::string &program, const std::vector<std::string> &args) {
     std::vector<std::string> cmd;
     if (const char *e = std::getenv("TOVRIN_TEST_EMULATOR")) {
         std::istringstream words(e);
-        for (std::string w; words >> w;)
-            cmd.push_back(w);
+        for (std::string w; words >> w;) cmd.push_back(w);
     }
     cmd.push_back(program);
     cmd.insert(cmd.end(), args.begin(), args.end());
@@ -27,11 +25,9 @@ inline std::vector<std::string> command(const std::string &program, const std::v
 }
 
 // Replaces this (forked) process with cmd, found on PATH; returns only when that fails.
-inline void exec(const std::vector<std::string> &cmd)
-{
+inline void exec(const std::vector<std::string> &cmd) {
     std::vector<char *> argv;
-    for (const std::string &a : cmd)
-        argv.push_back(const_cast<char *>(a.c_str()));
+    for (const std::string &a : cmd) argv.push_back(const_cast<char *>(a.c_str()));
     argv.push_back(nullptr);
     ::execvp(argv[0], argv.data());
 }

@@ -70,7 +70,8 @@ uint32_t next_gen = 0;
 // A table on the heap that doubles when full: a vector's interface, on plain
 // memory, as the daemon links without the C++ runtime. Growth that fails
 // returns false and leaves the table as it was. Records are trivially copyable.
-template <typename T> struct Table {
+template <typename T>
+struct Table {
     T *at = nullptr;
     std::size_t size = 0, cap = 0;
 
@@ -302,8 +303,8 @@ int vk_eloop_init(void *) {
 }
 
 int vk_eloop_register_signal(int sig, vk_eloop_signal_handler handler, void *ctx) {
-    if (sig <= 0 || std::size_t(sig) >= signal_slots.size() || sig == SIGTERM || sig == SIGINT ||
-        sig == SIGKILL || sig == SIGSTOP || sig_pipe[1] < 0) {
+    if (sig <= 0 || std::size_t(sig) >= signal_slots.size() || sig == SIGTERM || sig == SIGINT || sig == SIGKILL ||
+        sig == SIGSTOP || sig_pipe[1] < 0) {
         errno = EINVAL;
         return -1;
     }
@@ -317,22 +318,20 @@ int vk_eloop_register_signal(int sig, vk_eloop_signal_handler handler, void *ctx
 }
 
 // Registering a socket again replaces its handler and contexts.
-int vk_eloop_register_read_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
-                                void *sock_ctx) {
+int vk_eloop_register_read_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx, void *sock_ctx) {
     return register_watch(sock, &Sock::read, handler, eloop_ctx, sock_ctx);
 }
 
 void vk_eloop_unregister_read_sock(int sock) { set_watch(sock, &Sock::read, Watch{}); }
 
-int vk_eloop_register_write_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
-                                 void *sock_ctx) {
+int vk_eloop_register_write_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx, void *sock_ctx) {
     return register_watch(sock, &Sock::write, handler, eloop_ctx, sock_ctx);
 }
 
 void vk_eloop_unregister_write_sock(int sock) { set_watch(sock, &Sock::write, Watch{}); }
 
-int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs,
-                              vk_eloop_timeout_handler handler, void *eloop_ctx, void *user_ctx) {
+int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs, vk_eloop_timeout_handler handler, void *eloop_ctx,
+                              void *user_ctx) {
     if (!handler) {
         errno = EINVAL;
         return -1;
@@ -340,8 +339,8 @@ int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs,
     const uint64_t due = now_ns() + uint64_t(secs) * NS_PER_S + uint64_t(usecs) * NS_PER_US;
     const Timeout t{due, next_seq++, handler, eloop_ctx, user_ctx};
     // In front of every equal expiry: those were registered earlier and run first.
-    auto pos = std::partition_point(timeouts.begin(), timeouts.end(),
-                                    [due](const Timeout &o) { return o.due_ns > due; });
+    auto pos =
+        std::partition_point(timeouts.begin(), timeouts.end(), [due](const Timeout &o) { return o.due_ns > due; });
     if (!timeouts.insert(pos, t)) {
         errno = ENOMEM;
         return -1;

@@ -247,8 +247,8 @@ int send_resp(vk_ipc_send_desc_t *d) {
     if (const int err = send_checked(d)) return fail(err);
     Addr a;
     if (const int err = make_addr(d->peer, handle_root(d->handle), a)) return fail(err);
-    const ssize_t n = sendto(d->handle->sock, d->msg, VK_IPC_HDR_LEN + d->msg->len,
-                             MSG_DONTWAIT | MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&a.un), a.len);
+    const ssize_t n = sendto(d->handle->sock, d->msg, VK_IPC_HDR_LEN + d->msg->len, MSG_DONTWAIT | MSG_NOSIGNAL,
+                             reinterpret_cast<const sockaddr *>(&a.un), a.len);
     return n < 0 ? -1 : 0;
 }
 
@@ -307,8 +307,8 @@ int vk_ipc_recv_large(fd_set *set, vk_ipc_recv_desc_t *rec, uint8_t *received) {
     sockaddr_un from{};
     socklen_t flen = sizeof from;
     // MSG_TRUNC makes n the datagram's real length, so oversize is seen.
-    const ssize_t n = recvfrom(s, rec->msg, VK_IPC_MSG_MAX, MSG_DONTWAIT | MSG_TRUNC,
-                               reinterpret_cast<sockaddr *>(&from), &flen);
+    const ssize_t n =
+        recvfrom(s, rec->msg, VK_IPC_MSG_MAX, MSG_DONTWAIT | MSG_TRUNC, reinterpret_cast<sockaddr *>(&from), &flen);
     if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : -1;  // nothing there
     sender_path(from, flen, handle_root(rec->handle), rec->sender);
     if (const int err = vk_ipc_check_envelope(rec->msg, std::size_t(n))) return fail(err);

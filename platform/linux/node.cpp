@@ -70,8 +70,7 @@ bool iface_mac(const char *net_dir, const char *name, Mac &mac) {
     if (std::strchr(name, '/')) return false;
     Path path;
     std::array<char, LINE_MAX_LEN> text;
-    if (!join(path, net_dir, name, "/address") || !first_line(path.data(), text) ||
-        !parse_mac(text.data(), mac))
+    if (!join(path, net_dir, name, "/address") || !first_line(path.data(), text) || !parse_mac(text.data(), mac))
         return false;
     return std::any_of(mac.begin(), mac.end(), [](uint8_t b) { return b != 0; });
 }
@@ -116,8 +115,7 @@ int vk_node_mac_from_net(const char *net_dir, const char *iface, char *buf, int 
     else
         found = first_with_address(net_dir, mac);
     if (!found) return -1;
-    std::snprintf(buf, std::size_t(size), "%02x%02x%02x%02x%02x%02x", mac[0], mac[1], mac[2], mac[3],
-                  mac[4], mac[5]);
+    std::snprintf(buf, std::size_t(size), "%02x%02x%02x%02x%02x%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
     return 0;
 }
 

@@ -12,13 +12,11 @@ int vk_os_socket(int domain, int type, int protocol) { return socket(domain, typ
 int vk_os_bind(int fd, const struct sockaddr *addr, socklen_t len) { return bind(fd, addr, len); }
 
 // Receives and sends never block, whatever the socket's mode: the loop must not stall.
-ssize_t vk_os_recvfrom(int fd, void *buf, size_t len, int flags, struct sockaddr *from,
-                       socklen_t *fromlen) {
+ssize_t vk_os_recvfrom(int fd, void *buf, size_t len, int flags, struct sockaddr *from, socklen_t *fromlen) {
     return recvfrom(fd, buf, len, flags | MSG_DONTWAIT, from, fromlen);
 }
 
-ssize_t vk_os_sendto(int fd, const void *buf, size_t len, int flags, const struct sockaddr *to,
-                     socklen_t tolen) {
+ssize_t vk_os_sendto(int fd, const void *buf, size_t len, int flags, const struct sockaddr *to, socklen_t tolen) {
     return sendto(fd, buf, len, flags | MSG_DONTWAIT | MSG_NOSIGNAL, to, tolen);
 }
 

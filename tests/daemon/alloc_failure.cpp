@@ -12,7 +12,7 @@
 namespace {
 // The next allocation of a message block fails; every other one goes through.
 bool fail_next_block = false;
-}
+}  // namespace
 
 extern "C" void *__real_malloc(std::size_t n);
 extern "C" void *__wrap_malloc(std::size_t n) {

@@ -65,7 +65,7 @@ TEST_F(BusyEndpoint, MessagesWaitInOrderAndArriveOnceTheEndpointReads) {
     EXPECT_EQ(tovrin_backlog_count(), 0u);
 
     // Nothing waits: no timer is left, and later messages go at once.
-    EXPECT_EQ(sim::pending_timeouts() , pending_without_backlog_);
+    EXPECT_EQ(sim::pending_timeouts(), pending_without_backlog_);
     clear_captures();
     run_answering(kSec);
     deliver(105, 50);

@@ -89,34 +89,96 @@ TEST_F(Counters, EveryRefusalCountsUnderItsOwnReasonOnly) {
     const auto big = fragments(plain_payload(9, 101, pattern(TOVRIN_APP_MAX_DATA + 1)), 0x13);
 
     const Row rows[] = {
-        {TOVRIN_REFUSED_SHORT_DATAGRAM, up, [&] { from_ctrl({g.begin(), g.begin() + 11}); }},
-        {TOVRIN_REFUSED_BAD_HEADER_LENGTH, up, [&] { from_ctrl(with(g, {{1, 11}})); }},
-        {TOVRIN_REFUSED_TRUNCATED, up, [&] { from_ctrl(with(g, {{3, 16}})); }},
-        {TOVRIN_REFUSED_TRAILING_BYTES, up, [&] { from_ctrl(with(g, {{3, 14}})); }},
-        {TOVRIN_REFUSED_BAD_VERSION, up, [&] { from_ctrl(with(g, {{0, 2}})); }},
-        {TOVRIN_REFUSED_BAD_MAGIC, up, [&] { from_ctrl(with(g, {{6, 0xbe}, {7, 0xef}})); }},
+        {TOVRIN_REFUSED_SHORT_DATAGRAM, up,
+         [&] {
+             from_ctrl({g.begin(), g.begin() + 11});
+         }},
+        {TOVRIN_REFUSED_BAD_HEADER_LENGTH, up,
+         [&] {
+             from_ctrl(with(g, {{1, 11}}));
+         }},
+        {TOVRIN_REFUSED_TRUNCATED, up,
+         [&] {
+             from_ctrl(with(g, {{3, 16}}));
+         }},
+        {TOVRIN_REFUSED_TRAILING_BYTES, up,
+         [&] {
+             from_ctrl(with(g, {{3, 14}}));
+         }},
+        {TOVRIN_REFUSED_BAD_VERSION, up,
+         [&] {
+             from_ctrl(with(g, {{0, 2}}));
+         }},
+        {TOVRIN_REFUSED_BAD_MAGIC, up,
+         [&] {
+             from_ctrl(with(g, {{6, 0xbe}, {7, 0xef}}));
+         }},
         {TOVRIN_REFUSED_CONTROL_FROM_STRANGER, up, [&] { from_ctrl(ka_response(), kOther); }},
         {TOVRIN_REFUSED_DATA_FROM_STRANGER, up, [&] { from_ctrl(g, kOther); }},
         {TOVRIN_REFUSED_ACK_NOT_WAITING, up, [&] { from_ctrl(ack_for(1)); }},
-        {TOVRIN_REFUSED_ACK_UNEXPECTED, [&] { bring_up(); app_send(105, 102, 0, {1}); }, [&] { from_ctrl(ack_for(9)); }},
+        {TOVRIN_REFUSED_ACK_UNEXPECTED,
+         [&] {
+             bring_up();
+             app_send(105, 102, 0, {1});
+         },
+         [&] { from_ctrl(ack_for(9)); }},
         {TOVRIN_REFUSED_FRAGMENT_BEFORE_FIRST, up, [&] { from_ctrl(three[1]); }},
-        {TOVRIN_REFUSED_FRAGMENT_OUT_OF_ORDER, [&] { bring_up(); from_ctrl(three[0]); }, [&] { from_ctrl(three[2]); }},
-        {TOVRIN_REFUSED_MESSAGE_REPEATED, [&] { bring_up(); from_ctrl(g); }, [&] { from_ctrl(with(g, {{8, 0x26}})); }},
-        {TOVRIN_REFUSED_FRAGMENT_UNEXPECTED, [&] { bring_up(); from_ctrl(g); }, [&] { from_ctrl(with(g, {{8, 0x26}, {9, 1}})); }},
+        {TOVRIN_REFUSED_FRAGMENT_OUT_OF_ORDER,
+         [&] {
+             bring_up();
+             from_ctrl(three[0]);
+         },
+         [&] { from_ctrl(three[2]); }},
+        {TOVRIN_REFUSED_MESSAGE_REPEATED,
+         [&] {
+             bring_up();
+             from_ctrl(g);
+         },
+         [&] {
+             from_ctrl(with(g, {{8, 0x26}}));
+         }},
+        {TOVRIN_REFUSED_FRAGMENT_UNEXPECTED,
+         [&] {
+             bring_up();
+             from_ctrl(g);
+         },
+         [&] {
+             from_ctrl(with(g, {{8, 0x26}, {9, 1}}));
+         }},
         {TOVRIN_REFUSED_MESSAGE_TOO_BIG,
          [&] {
              bring_up();
              for (uint8_t f = 0; f < 16; ++f) from_ctrl(frame(0x25, f, 0x14, 0, std::vector<uint8_t>(1024, 0x21)));
          },
          [&] { from_ctrl(frame(0x25, 16, 0x14, 0, {0x21})); }},
-        {TOVRIN_REFUSED_ENDPOINTS_BUSY, [&] { bring_up(); fill_waiting_room(); }, [&] { from_ctrl(good(0xf0)); }},
-        {TOVRIN_REFUSED_MESSAGE_TOO_SHORT, up, [&] { from_ctrl(frame(0x24, 0, 0x15, 0, {0x21, 0, 0})); }},
+        {TOVRIN_REFUSED_ENDPOINTS_BUSY,
+         [&] {
+             bring_up();
+             fill_waiting_room();
+         },
+         [&] { from_ctrl(good(0xf0)); }},
+        {TOVRIN_REFUSED_MESSAGE_TOO_SHORT, up,
+         [&] {
+             from_ctrl(frame(0x24, 0, 0x15, 0, {0x21, 0, 0}));
+         }},
         {TOVRIN_REFUSED_MESSAGE_LENGTH_MISMATCH, up,
          [&] { from_ctrl(frame(0x24, 0, 0x15, 0, with_len(plain_payload(9, 101, pattern(86)), 100))); }},
-        {TOVRIN_REFUSED_ENCRYPTED_MALFORMED, [&] { bring_up(); set_key(kKey); }, [&] { from_ctrl(frame(0x24, 0, 0x15, 0, raw_enc)); }},
-        {TOVRIN_REFUSED_BAD_DIGEST, [&] { bring_up(); set_key(kKey); }, [&] { from_ctrl(frame(0x24, 0, 0x15, 0, enc)); }},
+        {TOVRIN_REFUSED_ENCRYPTED_MALFORMED,
+         [&] {
+             bring_up();
+             set_key(kKey);
+         },
+         [&] { from_ctrl(frame(0x24, 0, 0x15, 0, raw_enc)); }},
+        {TOVRIN_REFUSED_BAD_DIGEST,
+         [&] {
+             bring_up();
+             set_key(kKey);
+         },
+         [&] { from_ctrl(frame(0x24, 0, 0x15, 0, enc)); }},
         {TOVRIN_REFUSED_PLAIN_TOO_SHORT, up,
-         [&] { from_ctrl(frame(0x24, 0, 0x15, 0, with_len({0x21, 0, 0, 0, 0, 0, 0, 9}, 8))); }},
+         [&] {
+             from_ctrl(frame(0x24, 0, 0x15, 0, with_len({0x21, 0, 0, 0, 0, 0, 0, 9}, 8)));
+         }},
         {TOVRIN_REFUSED_UNKNOWN_DATA_TYPE, up, [&] { from_ctrl(frame(0x24, 0, 0x15, 0, typed)); }},
         {TOVRIN_REFUSED_CONTROL_NO_HEADER, up, [&] { from_ctrl(ctrl_packet(TOVRIN_CTRL_KEEPALIVE, 0, 3)); }},
         {TOVRIN_REFUSED_CONTROL_BAD_LENGTH, up, [&] { from_ctrl(ka_response(TOVRIN_KA_LEN + 1)); }},
@@ -126,8 +188,15 @@ TEST_F(Counters, EveryRefusalCountsUnderItsOwnReasonOnly) {
         {TOVRIN_REFUSED_CONTROL_UNKNOWN_TYPE, up, [&] { from_ctrl(ctrl_packet(0x21, 8, 8)); }},
         {TOVRIN_REFUSED_REGISTRATION_WHILE_UP, up, [&] { from_ctrl(reg_response()); }},
         {TOVRIN_REFUSED_DRAVIP_IGNORED, up, [&] { from_ctrl(ctrl_packet(TOVRIN_CTRL_DRAVIP, 12, 12)); }},
-        {TOVRIN_REFUSED_IPC_RECEIVE_ERROR, nothing, [&] { sim::ipc_inject_raw({1, 2, 3, 4, 5}); sim::settle(); }},
-        {TOVRIN_REFUSED_IPC_SHORT_PAYLOAD, nothing, [&] { notify(TOVRIN_IPC_KARATE, {1, 0, 0, 0}); }},
+        {TOVRIN_REFUSED_IPC_RECEIVE_ERROR, nothing,
+         [&] {
+             sim::ipc_inject_raw({1, 2, 3, 4, 5});
+             sim::settle();
+         }},
+        {TOVRIN_REFUSED_IPC_SHORT_PAYLOAD, nothing,
+         [&] {
+             notify(TOVRIN_IPC_KARATE, {1, 0, 0, 0});
+         }},
         {TOVRIN_REFUSED_IPC_UNKNOWN_NOTIFICATION, nothing, [&] { notify(555, {}); }},
         {TOVRIN_REFUSED_IPC_UNKNOWN_REQUEST, nothing, [&] { request(555, {}); }},
         {TOVRIN_REFUSED_IPC_SEND_AS_REQUEST, nothing, [&] { request(TOVRIN_IPC_SEND_MSG, {}); }},
@@ -135,7 +204,8 @@ TEST_F(Counters, EveryRefusalCountsUnderItsOwnReasonOnly) {
         {TOVRIN_REFUSED_IPC_BAD_APP_ID, nothing, [&] { karate(-1, 1000); }},
         {TOVRIN_REFUSED_IPC_BAD_RATE, nothing, [&] { karate(5, TOVRIN_KA_RATE_MIN - 1); }},
         {TOVRIN_REFUSED_IPC_NO_RATE_SET, nothing, [&] { karate(5, 0); }},
-        {TOVRIN_REFUSED_APP_SHORTER_THAN_HEADER, nothing, [&] { notify(TOVRIN_IPC_SEND_MSG, std::vector<uint8_t>(83)); }},
+        {TOVRIN_REFUSED_APP_SHORTER_THAN_HEADER, nothing,
+         [&] { notify(TOVRIN_IPC_SEND_MSG, std::vector<uint8_t>(83)); }},
         {TOVRIN_REFUSED_APP_BAD_LENGTH, up,
          [&] {
              tovrin_app_msg_t h{};
@@ -157,9 +227,17 @@ TEST_F(Counters, EveryRefusalCountsUnderItsOwnReasonOnly) {
          [&] {
              for (const auto &f : big) from_ctrl(f);
          }},
-        {TOVRIN_REFUSED_DELIVERY_FAILED, [&] { bring_up(); sim::ipc_set_missing("/vk/ipc/gelvar", true); },
+        {TOVRIN_REFUSED_DELIVERY_FAILED,
+         [&] {
+             bring_up();
+             sim::ipc_set_missing("/vk/ipc/gelvar", true);
+         },
          [&] { from_ctrl(good(0x17)); }},
-        {TOVRIN_REFUSED_DELIVERY_ROOM_FULL, [&] { bring_up(); fill_waiting_room(); },
+        {TOVRIN_REFUSED_DELIVERY_ROOM_FULL,
+         [&] {
+             bring_up();
+             fill_waiting_room();
+         },
          [&] { from_ctrl(good(0xf1, 101, 0x20)); }},  // no acknowledgement asked: not held back
         {TOVRIN_REFUSED_DELIVERY_ENDPOINT_STUCK,
          [&] {
@@ -306,8 +384,9 @@ TEST_F(Counters, SignalsFromAnOperator) {
     sim::raise_signal(SIGUSR1);
     sim::settle();
     EXPECT_EQ(log_count("INFO: counters "), 1);
-    EXPECT_TRUE(logged("INFO: counters link_up=1 seconds_in_state=0 link_ups=1 link_downs=0 registrations_sent=1 "
-                       "keepalives_sent=1 keepalives_answered=0 datagrams_in=1 datagrams_out=2 datagrams_refused=1 "))
+    EXPECT_TRUE(
+        logged("INFO: counters link_up=1 seconds_in_state=0 link_ups=1 link_downs=0 registrations_sent=1 "
+               "keepalives_sent=1 keepalives_answered=0 datagrams_in=1 datagrams_out=2 datagrams_refused=1 "))
         << log_text();
     EXPECT_TRUE(logged(" ipc_unknown_notification=1\n")) << "reasons that are not zero end the line";
     EXPECT_EQ(tovrin_gbl.status, 1);

@@ -171,7 +171,7 @@ TEST_F(IpcCommands, ShortPayloadsAreRefusedBeforeAnyFieldIsRead) {
         uint32_t need;
     };
     const Case cases[] = {
-        {TOVRIN_IPC_CTRL_IP, 3, 4},  {TOVRIN_IPC_KARATE, 7, 8},      {TOVRIN_IPC_SET_KEY, 2, 4},
+        {TOVRIN_IPC_CTRL_IP, 3, 4},     {TOVRIN_IPC_KARATE, 7, 8},        {TOVRIN_IPC_SET_KEY, 2, 4},
         {TOVRIN_IPC_SET_ENCRYPT, 0, 4}, {TOVRIN_IPC_SET_LOG_CFG, 20, 24},
     };
     for (const Case &c : cases) {
@@ -242,8 +242,11 @@ TEST_F(LogRule, LinesCarryThePrefixAndFollowTheLevel) {
         int level;
         bool note, info, dbg;
     };
-    const Case cases[] = {{0, false, false, false}, {1, true, false, false}, {2, true, false, false},
-                          {3, true, true, false},   {4, true, true, true}};
+    const Case cases[] = {{0, false, false, false},
+                          {1, true, false, false},
+                          {2, true, false, false},
+                          {3, true, true, false},
+                          {4, true, true, true}};
     for (const Case &c : cases) {
         SCOPED_TRACE(c.level);
         set_level(c.level);

@@ -50,8 +50,8 @@ std::vector<uint8_t> openssl(const std::string &args, const std::vector<uint8_t>
     TempDir dir;
     EXPECT_TRUE(dir.ok());
     write_file(dir.file("in"), input);
-    const std::string cmd = "openssl " + args + " -out " + dir.file("out") + (file_last ? " " : " -in ") +
-                            dir.file("in") + " 2>&1";
+    const std::string cmd =
+        "openssl " + args + " -out " + dir.file("out") + (file_last ? " " : " -in ") + dir.file("in") + " 2>&1";
     FILE *p = popen(cmd.c_str(), "r");
     EXPECT_NE(p, nullptr) << cmd;
     if (p == nullptr) return {};
@@ -116,10 +116,8 @@ TEST_F(Protect, PayloadLayoutsFollowTheDataLength) {
         std::size_t len;
     };
     const Row encrypted[] = {
-        {0, "26000030000000070000000300000000", 48},
-        {1, "2600004000000007000000030000000f", 64},
-        {5, "2600004000000007000000030000000b", 64},
-        {16, "26000040000000070000000300000000", 64},
+        {0, "26000030000000070000000300000000", 48},  {1, "2600004000000007000000030000000f", 64},
+        {5, "2600004000000007000000030000000b", 64},  {16, "26000040000000070000000300000000", 64},
         {17, "2600005000000007000000030000000f", 80},
     };
     for (const Row &r : encrypted) {
@@ -366,8 +364,9 @@ TEST_F(Protect, ReceivedMessageFailingItsDigestIsAcknowledgedThenDropped) {
     from_ctrl(frame(0x24, 0, trans, 0, good));
     const std::string out = testing::internal::GetCapturedStdout();
     EXPECT_NE(out.find("Decrypt key set failed\n"), std::string::npos);
-    EXPECT_NE(log_since(mark).find(strf("NOTE: <<tovrin_recv_data: Invalid checksum! Drop msg %d from 198.18.0.1\n", trans)),
-              std::string::npos);
+    EXPECT_NE(
+        log_since(mark).find(strf("NOTE: <<tovrin_recv_data: Invalid checksum! Drop msg %d from 198.18.0.1\n", trans)),
+        std::string::npos);
     EXPECT_EQ(sent().size(), 1u);
     EXPECT_TRUE(app_msgs().empty());
 }

@@ -132,9 +132,11 @@ TEST_F(Reassembly, ResentCompletedMessageIsAcknowledgedAgainAndNotDelivered) {
     for (const auto &f : fragments(plain_payload(9, 101, data), 0x22, true)) from_ctrl(f);
     EXPECT_EQ(sent_hex(), std::vector<std::string>{ack_hex(0x0a, 2, 0x22)});
     const std::string log = log_since(mark);
-    EXPECT_NE(log.find("NOTE: <<tovrin_recv_frag: unexpected seq 34 frag 1 flags 0x27 expected seq "), std::string::npos)
+    EXPECT_NE(log.find("NOTE: <<tovrin_recv_frag: unexpected seq 34 frag 1 flags 0x27 expected seq "),
+              std::string::npos)
         << log;
-    EXPECT_NE(log.find("NOTE: <<tovrin_recv_frag: unexpected seq 34 frag 2 flags 0x26 expected seq "), std::string::npos);
+    EXPECT_NE(log.find("NOTE: <<tovrin_recv_frag: unexpected seq 34 frag 2 flags 0x26 expected seq "),
+              std::string::npos);
     int bad = 0;
     for (std::size_t p = log.find(bad_frag()); p != std::string::npos; p = log.find(bad_frag(), p + 1)) ++bad;
     EXPECT_EQ(bad, 3);
@@ -209,8 +211,9 @@ TEST_F(Reassembly, SixteenFullFragmentsFillTheBufferAndASeventeenthIsTooBig) {
     mark = log_mark();
     from_ctrl(more[16]);
     std::string log = log_since(mark);
-    EXPECT_NE(log.find("NOTE: <<tovrin_recv_frag: Packet too big Recv len 16384 data_len 1 from  ctlr 198.18.0.1 AP Trans "),
-              std::string::npos)
+    EXPECT_NE(
+        log.find("NOTE: <<tovrin_recv_frag: Packet too big Recv len 16384 data_len 1 from  ctlr 198.18.0.1 AP Trans "),
+        std::string::npos)
         << log;
     EXPECT_NE(log.find(bad_frag()), std::string::npos);
     EXPECT_TRUE(link_bytes() == before);
@@ -220,8 +223,9 @@ TEST_F(Reassembly, SixteenFullFragmentsFillTheBufferAndASeventeenthIsTooBig) {
     // Until a new message starts, later fragments are refused as out of order.
     mark = log_mark();
     from_ctrl(frame(0x24, 17, 0x29, 0, {1}));
-    EXPECT_NE(log_since(mark).find("NOTE: <<tovrin_recv_frag: seq 41 expected frag 16 received 17 from Ctlr 198.18.0.1\n"),
-              std::string::npos);
+    EXPECT_NE(
+        log_since(mark).find("NOTE: <<tovrin_recv_frag: seq 41 expected frag 16 received 17 from Ctlr 198.18.0.1\n"),
+        std::string::npos);
     from_ctrl(frame(0x24, 0, 0x2a, 0, plain_payload(9, 101, {3})));
     EXPECT_EQ(sent_hex(), std::vector<std::string>{ack_hex(0x08, 0, 0x2a)});
     EXPECT_EQ(delivered().size(), 1u);
@@ -258,11 +262,16 @@ TEST_F(Reassembly, CompletedMessagesAreAcknowledgedThenCheckedAndDroppedWhenBad)
     };
     const std::string ap_s = ap();
     const Row rows[] = {
-        {"98 bytes, header says 100", {}, with_len(plain_payload(9, 101, pattern(86)), 100),
-         strf("NOTE: <<tovrin_recv_data: Recvd frag 0 from AP(%s) 198.18.0.1 but len do not match 98-100\n", ap_s.c_str())},
+        {"98 bytes, header says 100",
+         {},
+         with_len(plain_payload(9, 101, pattern(86)), 100),
+         strf("NOTE: <<tovrin_recv_data: Recvd frag 0 from AP(%s) 198.18.0.1 but len do not match 98-100\n",
+              ap_s.c_str())},
         {"type 0x22", {}, typed, "DBG: <<tovrin_recv_data: Unsupported datatype 34 Drop msg %d from 198.18.0.1\n"},
         {"3 bytes", stale, {0x21, 0x00, 0x00}, "too short 3"},
-        {"plain shorter than its header", {}, with_len(std::vector<uint8_t>{0x21, 0, 0, 0, 0, 0, 0, 9}, 8),
+        {"plain shorter than its header",
+         {},
+         with_len(std::vector<uint8_t>{0x21, 0, 0, 0, 0, 0, 0, 9}, 8),
          "NOTE: <<tovrin_recv_data: Malformed plain msg %d"},
         {"encrypted, 32 bytes", {}, raw_enc(32, 0), "NOTE: <<tovrin_recv_data: Malformed encrypted msg %d ("},
         {"encrypted, 56 bytes", {}, raw_enc(56, 0), "NOTE: <<tovrin_recv_data: Malformed encrypted msg %d ("},
@@ -358,8 +367,7 @@ TEST_F(Reassembly, NoFragmentNumberFollowsTwoHundredFiftyFive) {
     // 256 one-byte fragments would make fragment 255 carry MORE_FRAGS; the
     // next one, numbered 0 after a wrap, must not continue the message.
     const uint8_t trans = 0x30;
-    for (int f = 0; f <= 255; ++f)
-        from_ctrl(frame(0x25, static_cast<uint8_t>(f), trans, 0, {static_cast<uint8_t>(f)}));
+    for (int f = 0; f <= 255; ++f) from_ctrl(frame(0x25, static_cast<uint8_t>(f), trans, 0, {static_cast<uint8_t>(f)}));
     ASSERT_EQ(tovrin_gbl.comm.rx_hdr.frag, 255);
     const auto before = link_bytes();
     const std::size_t mark = log_mark();

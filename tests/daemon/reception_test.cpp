@@ -10,7 +10,7 @@
 namespace {
 
 // Every refusal line of the header checks, by the words that tell them apart.
-const char *const kRefusals[] = {"even the hdr",         "with hdr_len",          "complete data length",
+const char *const kRefusals[] = {"even the hdr",           "with hdr_len",         "complete data length",
                                  "Probably trailing bits", "Improper hdr version", "Invalid magic number"};
 
 int count_in(const std::string &text, const std::string &s) {
@@ -85,7 +85,8 @@ TEST_F(Reception, HeaderChecksRunInOrderAndEachDropsWithItsLine) {
         from_ctrl(r.dgram);
         const std::string log = log_since(mark);
         EXPECT_NE(log.find(r.line), std::string::npos) << log;
-        for (const char *other : kRefusals) EXPECT_EQ(count_in(log, other), other == std::string(r.refusal) ? 1 : 0) << other;
+        for (const char *other : kRefusals)
+            EXPECT_EQ(count_in(log, other), other == std::string(r.refusal) ? 1 : 0) << other;
         EXPECT_EQ(count_in(log, "tovrin_recv_frag"), 0);
         EXPECT_TRUE(link_bytes() == before);
         EXPECT_TRUE(sent().empty());
@@ -107,9 +108,10 @@ TEST_F(Reception, ZeroLengthDatagramPassesTheLengthChecksAndIsDispatched) {
     from_ctrl(ack_for(3));
     const std::string log = log_since(mark);
     EXPECT_NE(log.find(fd_line("DBG: tovrin_recv_handler: Rcvd data on %d with len 0.\n")), std::string::npos);
-    EXPECT_NE(log.find(strf("NOTE: <<tovrin_recv_ack: Ack rcvd not waiting data_len 0 from AP(%p) 198.18.0.1  AP Trans 3\n",
-                            static_cast<void *>(&tovrin_gbl))),
-              std::string::npos)
+    EXPECT_NE(
+        log.find(strf("NOTE: <<tovrin_recv_ack: Ack rcvd not waiting data_len 0 from AP(%p) 198.18.0.1  AP Trans 3\n",
+                      static_cast<void *>(&tovrin_gbl))),
+        std::string::npos)
         << log;
     for (const char *r : kRefusals) EXPECT_EQ(count_in(log, r), 0) << r;
 }
@@ -261,7 +263,7 @@ TEST_F(ControlDispatch, EachTypeHasAnInclusiveMinimumByItsOwnLengthField) {
     struct Row {
         const char *what;
         std::vector<uint8_t> dgram;
-        std::string line;     // the refusal, or for an accepted packet its handler's first line
+        std::string line;  // the refusal, or for an accepted packet its handler's first line
         bool accepted;
         std::string own_entry;  // the type's own entry line, empty when it has none
     };
@@ -275,7 +277,8 @@ TEST_F(ControlDispatch, EachTypeHasAnInclusiveMinimumByItsOwnLengthField) {
         {"dravip 12", packet(0x22, 12, 12), "DBG: >>tovrin_dravip: Recv dravipmsg with 10.1.2.3\n", true,
          "DBG: >>tovrin_recv_ctrl Received DRAVIP msg - len 12\n"},
         {"type 0x21", packet(0x21, 104, 104), "NOTE: <<tovrin_recv_ctrl: Unsupported ctrl pkt 33\n", false, ""},
-        {"data_len 3", packet(0x1f, 104, 3), "NOTE: <<tovrin_recv_ctrl: Ctrl pkt of 3 bytes has no header\n", false, ""},
+        {"data_len 3", packet(0x1f, 104, 3), "NOTE: <<tovrin_recv_ctrl: Ctrl pkt of 3 bytes has no header\n", false,
+         ""},
         {"length field beyond data_len", packet(0x1f, 104, 60),
          "NOTE: <<tovrin_recv_ctrl: Ctrl pkt 31 claims len 104, received 60\n", false, ""},
         {"registration 104", packet(0x1f, 104, 104), "DBG: >>tovrin_register: Recv reg resp\n", true,
@@ -287,8 +290,8 @@ TEST_F(ControlDispatch, EachTypeHasAnInclusiveMinimumByItsOwnLengthField) {
         const std::size_t mark = log_mark();
         from_ctrl(r.dgram);
         const std::string log = log_since(mark);
-        const std::size_t entry = log.find(strf("DBG: >>tovrin_recv_ctrl Received Notification from AP - len %zu\n",
-                                                r.dgram.size() - 12));
+        const std::size_t entry =
+            log.find(strf("DBG: >>tovrin_recv_ctrl Received Notification from AP - len %zu\n", r.dgram.size() - 12));
         const std::size_t at = log.find(r.line);
         ASSERT_NE(entry, std::string::npos) << log;
         ASSERT_NE(at, std::string::npos) << log;

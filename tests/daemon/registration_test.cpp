@@ -30,15 +30,15 @@ TEST_F(Registration, RequestIsByteExact) {
     EXPECT_EQ(reqs[0].port, TOVRIN_PORT);
     const std::string name = "54657374736572766572" + std::string(54 * 2, '0');  // "Testserver", NULs
     const std::string expect =
-        "010c0068deadfeeda0000000"            // frame: v1, 12, 104, magic, flags 0xa0
-        "1f000068"                            // type 0x1f, length 104
-        "534e30313233343536373839414243 44"   // serial, 16 bytes
-        "01020304"                            // uptime
-        "00a0b1c2d3e4"                        // MAC
-        "000b" +                              // reg_param, name_len 11
-        name +                                // name, 64 bytes
-        "00001388"                            // ka_rate 5000
-        "00000000";                           // reg_extra
+        "010c0068deadfeeda0000000"           // frame: v1, 12, 104, magic, flags 0xa0
+        "1f000068"                           // type 0x1f, length 104
+        "534e30313233343536373839414243 44"  // serial, 16 bytes
+        "01020304"                           // uptime
+        "00a0b1c2d3e4"                       // MAC
+        "000b" +                             // reg_param, name_len 11
+        name +                               // name, 64 bytes
+        "00001388"                           // ka_rate 5000
+        "00000000";                          // reg_extra
     EXPECT_EQ(hex(reqs[0].bytes), hex(unhex(expect)));
     EXPECT_EQ(reqs[0].bytes.size(), TOVRIN_REG_REQ_LEN);
 }

@@ -53,8 +53,9 @@ TEST_F(Relay, WhileDownTheSenderGetsItsHeaderBackFailedIfItAsked) {
         clear_captures();
         const std::size_t mark = log_mark();
         app_send(101, 5, r.flags, {1, 2, 3, 4});
-        EXPECT_NE(log_since(mark).find(strf("NOTE: <<tovrin_proc_send_msg: No Conn failed from tester to 5 msg flags 0x%08x\n",
-                                            r.answered ? r.answer_flags : r.flags)),
+        EXPECT_NE(log_since(mark).find(
+                      strf("NOTE: <<tovrin_proc_send_msg: No Conn failed from tester to 5 msg flags 0x%08x\n",
+                           r.answered ? r.answer_flags : r.flags)),
                   std::string::npos);
         EXPECT_TRUE(data_sent().empty());
         const auto a = answers();
@@ -81,7 +82,9 @@ TEST_F(Relay, AcknowledgedMessageIsAnsweredWithItsFlagsUnchanged) {
         bool answered;
         uint32_t envelope;
     };
-    const Row rows[] = {{0x100, true, VK_IPC_F_NOTIFY}, {0x300, true, VK_IPC_F_RESPONSE}, {0x0, false, 0},
+    const Row rows[] = {{0x100, true, VK_IPC_F_NOTIFY},
+                        {0x300, true, VK_IPC_F_RESPONSE},
+                        {0x0, false, 0},
                         {0x40100, true, VK_IPC_F_NOTIFY}};
     for (const Row &r : rows) {
         SCOPED_TRACE(r.flags);
@@ -128,8 +131,9 @@ TEST_F(Relay, AnswerGoesToTheEndpointOfSrcEpNotToTheIpcSender) {
         app_send_hdr(header(ep, 5, TOVRIN_MSG_F_ACK_REQ, 1), {0x31});
         from_ctrl(ack_for(data_sent().at(0).bytes[11]));
         EXPECT_TRUE(sim::ipc_sent().empty());
-        EXPECT_NE(log_since(mark).find(strf("NOTE: <<tovrin_send_app: Msg flag 0x00000100 from Unknown endpoint %d\n", ep)),
-                  std::string::npos);
+        EXPECT_NE(
+            log_since(mark).find(strf("NOTE: <<tovrin_send_app: Msg flag 0x00000100 from Unknown endpoint %d\n", ep)),
+            std::string::npos);
     }
     set_controller();  // down again, registering
     ASSERT_EQ(tovrin_gbl.status, 0);
@@ -159,11 +163,13 @@ TEST_F(Relay, ControllerMessagesTakeIdsFrom100000KnownEndpointOrNot) {
         const std::size_t mark = log_mark();
         from_ctrl(frame(0x24, 0, trans++, 0, plain_payload(33, r.dst, {0xab})));
         EXPECT_EQ(sent().size(), 1u);  // acknowledged in every case
-        EXPECT_NE(log_since(mark).find(strf("DBG: >>tovrin_handle_msg: Sending id %u to ep %d from 33 len 1\n", r.id, r.dst)),
-                  std::string::npos);
+        EXPECT_NE(
+            log_since(mark).find(strf("DBG: >>tovrin_handle_msg: Sending id %u to ep %d from 33 len 1\n", r.id, r.dst)),
+            std::string::npos);
         if (r.peer == nullptr) {
             EXPECT_TRUE(sim::ipc_sent().empty());
-            EXPECT_NE(log_since(mark).find(strf("NOTE: <<tovrin_send_app: Msg flag 0x00010000 from Unknown endpoint %d\n", r.dst)),
+            EXPECT_NE(log_since(mark).find(
+                          strf("NOTE: <<tovrin_send_app: Msg flag 0x00010000 from Unknown endpoint %d\n", r.dst)),
                       std::string::npos);
             continue;
         }
@@ -203,7 +209,8 @@ TEST_F(Relay, ControllerMessageLongerThanAnIpcMessageIsDroppedWithANote) {
     clear_captures();
     const std::size_t mark = log_mark();
     for (const auto &f : fragments(plain_payload(9, 101, pattern(16372)), 0x31)) from_ctrl(f);
-    EXPECT_NE(log_since(mark).find("NOTE: <<tovrin_send_app: Msg of 16372 data bytes for endpoint 101 exceeds 16304, dropped\n"),
+    EXPECT_NE(log_since(mark).find(
+                  "NOTE: <<tovrin_send_app: Msg of 16372 data bytes for endpoint 101 exceeds 16304, dropped\n"),
               std::string::npos);
     EXPECT_TRUE(sim::ipc_sent().empty());
     EXPECT_EQ(sent().size(), 1u);  // acknowledged all the same

@@ -30,13 +30,16 @@ struct Global {
     std::size_t size;
     std::vector<uint8_t> start;
 };
-#define TOVRIN_GLOBAL(g) Global{#g, &g, sizeof g, {}}
+#define TOVRIN_GLOBAL(g)     \
+    Global {                 \
+#g, &g, sizeof g, {} \
+    }
 
 std::vector<Global> &globals() {
     static std::vector<Global> list = {
-        TOVRIN_GLOBAL(tovrin_gbl),       TOVRIN_GLOBAL(ka_rate_arr),    TOVRIN_GLOBAL(tovrin_ipc),
-        TOVRIN_GLOBAL(tovrin_iv_count),  TOVRIN_GLOBAL(tovrin_msg_id),  TOVRIN_GLOBAL(tovrin_send_queue_max),
-        TOVRIN_GLOBAL(vk_log_conf_data), TOVRIN_GLOBAL(log_file_name),  TOVRIN_GLOBAL(cur_log_size),
+        TOVRIN_GLOBAL(tovrin_gbl),       TOVRIN_GLOBAL(ka_rate_arr),   TOVRIN_GLOBAL(tovrin_ipc),
+        TOVRIN_GLOBAL(tovrin_iv_count),  TOVRIN_GLOBAL(tovrin_msg_id), TOVRIN_GLOBAL(tovrin_send_queue_max),
+        TOVRIN_GLOBAL(vk_log_conf_data), TOVRIN_GLOBAL(log_file_name), TOVRIN_GLOBAL(cur_log_size),
         TOVRIN_GLOBAL(tovrin_counters),
     };
     return list;
@@ -100,14 +103,13 @@ std::set<std::string> data_symbols() {
         const std::size_t tab = s.find('\t', a + 9);
         if (tab == std::string::npos) continue;
         const std::string section = s.substr(a + 9, tab - a - 9);
-        const bool writable = (section.rfind(".data", 0) == 0 && section.rfind(".data.rel.ro", 0) != 0) ||
-                              section.rfind(".bss", 0) == 0;
+        const bool writable =
+            (section.rfind(".data", 0) == 0 && section.rfind(".data.rel.ro", 0) != 0) || section.rfind(".bss", 0) == 0;
         const std::size_t sp = s.find(' ', tab + 1);
         if (!writable || sp == std::string::npos) continue;
         const std::string name = s.substr(sp + 1);
         // Compiler and sanitizer bookkeeping, not the daemon's state.
-        if (name.rfind("guard variable for ", 0) == 0 || name.rfind("__", 0) == 0 || name.rfind(".", 0) == 0)
-            continue;
+        if (name.rfind("guard variable for ", 0) == 0 || name.rfind("__", 0) == 0 || name.rfind(".", 0) == 0) continue;
         out.insert(name);
     }
     EXPECT_EQ(pclose(p), 0) << cmd;

@@ -148,8 +148,8 @@ TEST_F(SendQueue, SecondMessageWaitsForTheFirstsAckThenGoesAtOnce) {
     app_send(101, 5, 0, {0xa});
     const std::size_t mark = log_mark();
     app_send(102, 6, 0, {0xb});
-    EXPECT_NE(log_since(mark).find(strf("DBG: >>tovrin_tx_msg Queuing message to AP(%s) 198.18.0.1 - flags 0x24\n",
-                                        ap().c_str())),
+    EXPECT_NE(log_since(mark).find(
+                  strf("DBG: >>tovrin_tx_msg Queuing message to AP(%s) 198.18.0.1 - flags 0x24\n", ap().c_str())),
               std::string::npos);
     ASSERT_EQ(data_sent().size(), 1u);
 
@@ -282,8 +282,9 @@ TEST_F(SendQueue, FullQueueRefusesTheNextMessageWithAFailureAnswer) {
 
     const std::size_t mark = log_mark();
     app_send(102, 6, TOVRIN_MSG_F_ACK_REQ, {2});
-    EXPECT_NE(log_since(mark).find("NOTE: <<tovrin_proc_send_msg: Failed Sending from tester to 6 msg flags 0x01000100\n"),
-              std::string::npos);
+    EXPECT_NE(
+        log_since(mark).find("NOTE: <<tovrin_proc_send_msg: Failed Sending from tester to 6 msg flags 0x01000100\n"),
+        std::string::npos);
     EXPECT_EQ(tovrin_gbl.comm.msg_cnt, 256);
     auto answers = app_msgs_to("/vk/ipc/hostun");
     ASSERT_EQ(answers.size(), 1u);
@@ -308,7 +309,9 @@ TEST_F(SendQueue, FullQueueRefusesTheNextMessageWithAFailureAnswer) {
     EXPECT_EQ(order[253], 255);
     EXPECT_EQ(order[254], 1);
     EXPECT_EQ(order[255], 2);
-    EXPECT_EQ(hex(payload_of(data_sent().back())), "2100000d0000006600000006" "03");
+    EXPECT_EQ(hex(payload_of(data_sent().back())),
+              "2100000d0000006600000006"
+              "03");
 }
 
 TEST_F(SendQueue, FragmentBoundaryAt1024PayloadBytes) {
@@ -389,9 +392,12 @@ TEST_F(SendQueue, LinkLossFailsAndFreesEveryQueuedMessage) {
         for (const auto &d : data_sent()) EXPECT_EQ(d.bytes[11], data_sent()[0].bytes[11]);
 
         const std::string log = log_since(mark);
-        EXPECT_NE(log.find("INFO: >>tovrin_ap_msg_failed<<: to ep 5 from first len 1 flags 0x00000100\n"), std::string::npos);
-        EXPECT_NE(log.find("INFO: >>tovrin_ap_msg_failed<<: to ep 6 from second len 2 flags 0x00000300\n"), std::string::npos);
-        EXPECT_NE(log.find("INFO: >>tovrin_ap_msg_failed<<: to ep 7 from third len 3 flags 0x00000000\n"), std::string::npos);
+        EXPECT_NE(log.find("INFO: >>tovrin_ap_msg_failed<<: to ep 5 from first len 1 flags 0x00000100\n"),
+                  std::string::npos);
+        EXPECT_NE(log.find("INFO: >>tovrin_ap_msg_failed<<: to ep 6 from second len 2 flags 0x00000300\n"),
+                  std::string::npos);
+        EXPECT_NE(log.find("INFO: >>tovrin_ap_msg_failed<<: to ep 7 from third len 3 flags 0x00000000\n"),
+                  std::string::npos);
 
         auto to = [&](const std::string &peer) {
             std::vector<AppSeen> out;

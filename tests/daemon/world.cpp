@@ -46,7 +46,8 @@ std::vector<uint8_t> unhex(const std::string &text) {
     std::string t;
     for (char c : text)
         if (c != ' ') t += c;
-    for (std::size_t i = 0; i + 1 < t.size(); i += 2) out.push_back(static_cast<uint8_t>(std::stoi(t.substr(i, 2), nullptr, 16)));
+    for (std::size_t i = 0; i + 1 < t.size(); i += 2)
+        out.push_back(static_cast<uint8_t>(std::stoi(t.substr(i, 2), nullptr, 16)));
     return out;
 }
 
@@ -146,9 +147,7 @@ std::vector<uint8_t> World::link_bytes() {
     return std::vector<uint8_t>(p, p + sizeof tovrin_gbl);
 }
 
-void World::set_key(const std::vector<uint8_t> &key) {
-    notify(TOVRIN_IPC_SET_KEY, key_payload(key));
-}
+void World::set_key(const std::vector<uint8_t> &key) { notify(TOVRIN_IPC_SET_KEY, key_payload(key)); }
 
 void World::set_level(int level) { vk_log_conf_data[VK_LOG_W_LEVEL] = level; }
 

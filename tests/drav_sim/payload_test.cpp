@@ -16,9 +16,9 @@ std::vector<uint8_t> openssl_cbc(bool encrypt, std::span<const uint8_t> in, std:
                                  std::span<const uint8_t> iv) {
     temp_dir t;
     write_file(t.file("in"), in);
-    std::string cmd = std::string("openssl enc ") + (encrypt ? "-e " : "-d ") + cipher_for(key.size()) +
-                      " -nopad -K " + hex_of(key) + " -iv " + hex_of(iv) + " -in " + t.file("in") +
-                      " -out " + t.file("out") + " 2>" + t.file("err");
+    std::string cmd = std::string("openssl enc ") + (encrypt ? "-e " : "-d ") + cipher_for(key.size()) + " -nopad -K " +
+                      hex_of(key) + " -iv " + hex_of(iv) + " -in " + t.file("in") + " -out " + t.file("out") + " 2>" +
+                      t.file("err");
     EXPECT_EQ(run_shell(cmd), 0) << cmd;
     return read_file(t.file("out"));
 }
@@ -37,7 +37,11 @@ std::vector<uint8_t> text(const std::string &s) { return {s.begin(), s.end()}; }
 TEST(DravSimPayload, PlainLayoutAndLimit) {
     dsim_bytes p;
     ASSERT_EQ(dsim_payload_plain(7, 3, text("hello"), p), "");
-    EXPECT_EQ(hex_of(p), "21000011" "00000007" "00000003" "68656c6c6f");
+    EXPECT_EQ(hex_of(p),
+              "21000011"
+              "00000007"
+              "00000003"
+              "68656c6c6f");
     std::vector<uint8_t> most(TOVRIN_MAX_PLAIN_DATA, 1);
     EXPECT_EQ(dsim_payload_plain(1, 2, most, p), "");
     EXPECT_EQ(p.size(), TOVRIN_MAX_PAYLOAD);
@@ -46,8 +50,7 @@ TEST(DravSimPayload, PlainLayoutAndLimit) {
 }
 
 TEST(DravSimPayload, EncryptedPayloadOpensWithOpensslForEveryKeySize) {
-    const dsim_iv iv = {0xa0, 0xa1, 0xa2, 0xa3, 0xa4, 0xa5, 0xa6, 0xa7,
-                        0xa8, 0xa9, 0xaa, 0xab, 0xac, 0xad, 0xae, 0xaf};
+    const dsim_iv iv = {0xa0, 0xa1, 0xa2, 0xa3, 0xa4, 0xa5, 0xa6, 0xa7, 0xa8, 0xa9, 0xaa, 0xab, 0xac, 0xad, 0xae, 0xaf};
     struct row {
         std::size_t keylen, datalen, pad;
     } rows[] = {{16, 5, 11}, {16, 16, 0}, {16, 0, 0}, {24, 17, 15}, {32, 2000, 0}, {16, TOVRIN_MAX_ENC_DATA, 0}};
@@ -61,7 +64,12 @@ TEST(DravSimPayload, EncryptedPayloadOpensWithOpensslForEveryKeySize) {
         std::size_t total = 48 + r.datalen + r.pad;
         ASSERT_EQ(p.size(), total);
         char head[64];
-        std::snprintf(head, sizeof head, "26%06zx" "00000007" "00000003" "%08zx", total, r.pad);
+        std::snprintf(head, sizeof head,
+                      "26%06zx"
+                      "00000007"
+                      "00000003"
+                      "%08zx",
+                      total, r.pad);
         EXPECT_EQ(hex_of(std::span(p).first(16)), head);
         EXPECT_EQ(hex_of(std::span(p).subspan(16, 16)), hex_of(iv));
 
@@ -87,7 +95,11 @@ TEST(DravSimPayload, OpensslEncryptedMessageIsOpenedAndVerified) {
     plain.resize(32, 0xee);  // pad content is the sender's choice; the digest covers it
     std::vector<uint8_t> ct = openssl_cbc(true, plain, key, iv);
     ASSERT_EQ(ct.size(), 32u);
-    std::vector<uint8_t> msg = bytes_of_hex("26000050" "00000065" "00000009" "0000000d");
+    std::vector<uint8_t> msg = bytes_of_hex(
+        "26000050"
+        "00000065"
+        "00000009"
+        "0000000d");
     msg.insert(msg.end(), iv.begin(), iv.end());
     std::vector<uint8_t> md5 = openssl_md5(plain);
     msg.insert(msg.end(), md5.begin(), md5.end());
@@ -117,15 +129,38 @@ TEST(DravSimPayload, MalformedMessagesAreRefusedBeforeDecryption) {
         const char *problem;
     } rows[] = {
         {"2100", "message of 2 bytes"},
-        {"21000064" "00000001" "00000002" "0000", "length field 100 but 14 bytes"},
-        {"2200000c" "00000001" "00000002", "unknown data type 0x22"},
-        {"2100000a" "00000001" "0000", "message of 10 bytes, header needs 12"},
-        {"2600000c" "00000001" "00000002", "message of 12 bytes, header needs 48"},
-        {"26000031" "00000001" "00000002" "00000000" "00000000000000000000000000000000"
-         "00000000000000000000000000000000" "00",
+        {"21000064"
+         "00000001"
+         "00000002"
+         "0000",
+         "length field 100 but 14 bytes"},
+        {"2200000c"
+         "00000001"
+         "00000002",
+         "unknown data type 0x22"},
+        {"2100000a"
+         "00000001"
+         "0000",
+         "message of 10 bytes, header needs 12"},
+        {"2600000c"
+         "00000001"
+         "00000002",
+         "message of 12 bytes, header needs 48"},
+        {"26000031"
+         "00000001"
+         "00000002"
+         "00000000"
+         "00000000000000000000000000000000"
+         "00000000000000000000000000000000"
+         "00",
          "encrypted part of 1 bytes"},
-        {"26000040" "00000001" "00000002" "00000010" "00000000000000000000000000000000"
-         "00000000000000000000000000000000" "00000000000000000000000000000000",
+        {"26000040"
+         "00000001"
+         "00000002"
+         "00000010"
+         "00000000000000000000000000000000"
+         "00000000000000000000000000000000"
+         "00000000000000000000000000000000",
          "pad 16 for 16 bytes"},
     };
     for (const row &r : rows) {
@@ -133,7 +168,11 @@ TEST(DravSimPayload, MalformedMessagesAreRefusedBeforeDecryption) {
         EXPECT_EQ(o.status, dsim_open_status::bad) << r.hex;
         EXPECT_EQ(o.problem, r.problem) << r.hex;
     }
-    dsim_opened plain = dsim_payload_open(bytes_of_hex("2100000e" "00000001" "00000002" "4142"), key);
+    dsim_opened plain = dsim_payload_open(bytes_of_hex("2100000e"
+                                                       "00000001"
+                                                       "00000002"
+                                                       "4142"),
+                                          key);
     EXPECT_EQ(plain.status, dsim_open_status::ok);
     EXPECT_EQ(hex_of(plain.data), "4142");
 }

@@ -13,9 +13,9 @@ namespace {
 struct world {
     dsim_sender s;
     double now = 0;
-    std::map<int, std::vector<double>> sent;     // ctlr_trans -> transmission times
-    std::map<int, std::vector<int>> tries;       // ctlr_trans -> tries of each transmission
-    std::map<int, double> given_up;              // ctlr_trans -> when
+    std::map<int, std::vector<double>> sent;  // ctlr_trans -> transmission times
+    std::map<int, std::vector<int>> tries;    // ctlr_trans -> tries of each transmission
+    std::map<int, double> given_up;           // ctlr_trans -> when
 
     uint8_t send() {
         dsim_out_msg m;

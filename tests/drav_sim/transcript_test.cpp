@@ -143,7 +143,8 @@ struct sim_proc {
             int st = 0;
             if (waitpid(pid, &st, WNOHANG) == pid) {
                 status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-                while (read_some(0.2)) {}
+                while (read_some(0.2)) {
+                }
                 return status;
             }
             read_some(0.05);
@@ -183,12 +184,23 @@ std::vector<uint8_t> frame(uint8_t flags, uint8_t frag, uint8_t ap_trans, std::s
     return ::frame(flags, frag, 0, ap_trans, std::vector<uint8_t>(payload.begin(), payload.end()));
 }
 
-const std::string reg_req =
-    std::string("010c0068deadfeeda0000000" "1f000068" "53455231323300000000000000000000" "0000004d"
-                "0011aabbccdd" "000b" "54657374736572766572") +
-    std::string(108, '0') + "00001388" + "00000000";
-const std::string ka_req = "010c0024deadfeeda0000000" "20000024" "53455231323300000000000000000000"
-                           "0000004e" "0011aabbccdd" "0000" "00001388";
+const std::string reg_req = std::string(
+                                "010c0068deadfeeda0000000"
+                                "1f000068"
+                                "53455231323300000000000000000000"
+                                "0000004d"
+                                "0011aabbccdd"
+                                "000b"
+                                "54657374736572766572") +
+                            std::string(108, '0') + "00001388" + "00000000";
+const std::string ka_req =
+    "010c0024deadfeeda0000000"
+    "20000024"
+    "53455231323300000000000000000000"
+    "0000004e"
+    "0011aabbccdd"
+    "0000"
+    "00001388";
 const std::string key_hex = "000102030405060708090a0b0c0d0e0f";
 
 }  // namespace
@@ -202,9 +214,13 @@ TEST(DravSimTranscript, AnswersAcknowledgesSendsAndSummarises) {
 
     // Registration: answered with the request's fields echoed, flags 0x80.
     ap.send_hex(reg_req);
-    EXPECT_EQ(ap.recv_hex(), "010c0068deadfeed80000000" "1f000068" + reg_req.substr(32));
+    EXPECT_EQ(ap.recv_hex(),
+              "010c0068deadfeed80000000"
+              "1f000068" +
+                  reg_req.substr(32));
     p.expect("^# peer " + a + "$");
-    p.expect("^< " + a + " flags=0xa0 frag=0 ctlr_trans=0 ap_trans=0 data_len=104 REG-REQ serial=SER123 "
+    p.expect("^< " + a +
+             " flags=0xa0 frag=0 ctlr_trans=0 ap_trans=0 data_len=104 REG-REQ serial=SER123 "
              "mac=00:11:aa:bb:cc:dd uptime=77 name=Testserver ka_rate=5000$");
     p.expect("^> " + a + " flags=0x80 frag=0 ctlr_trans=0 ap_trans=0 data_len=104 REG-RESP len=104$");
 
@@ -228,15 +244,21 @@ TEST(DravSimTranscript, AnswersAcknowledgesSendsAndSummarises) {
     // An encrypted message, opened with the key.
     dsim_iv iv{};
     iv[0] = 9;
-    ASSERT_EQ(dsim_payload_enc(102, 7, std::vector<uint8_t>{'s', 'e', 'c', 'r', 'e', 't'},
-                               bytes_of_hex(key_hex), iv, msg), "");
+    ASSERT_EQ(
+        dsim_payload_enc(102, 7, std::vector<uint8_t>{'s', 'e', 'c', 'r', 'e', 't'}, bytes_of_hex(key_hex), iv, msg),
+        "");
     ap.send(frame(0x24, 0, 4, msg));
     EXPECT_EQ(ap.recv_hex(), "010c0000deadfeed08000004");
     p.expect("^\\* MSG ap_trans=4 type=enc src=102 dst=7 len=6 md5=ok data=\"secret\"$");
 
     // A message to the AP from standard input, numbered 1, acknowledged by the AP.
     p.say("send 5 101 hi there");
-    EXPECT_EQ(ap.recv_hex(), "010c0014deadfeed24000104" "21000014" "00000005" "00000065" "6869207468657265");
+    EXPECT_EQ(ap.recv_hex(),
+              "010c0014deadfeed24000104"
+              "21000014"
+              "00000005"
+              "00000065"
+              "6869207468657265");
     p.expect("^\\* QUEUE ctlr_trans=1 type=plain src=5 dst=101 len=8 frags=1 queued=1$");
     ap.send_hex("010c0000deadfeed08000100");
     p.expect("^< " + a + " flags=0x08 frag=0 ctlr_trans=1 ap_trans=0 data_len=0 ACK matched$");
@@ -244,7 +266,11 @@ TEST(DravSimTranscript, AnswersAcknowledgesSendsAndSummarises) {
 
     // A DRAV IP message on command.
     p.say("dravip 10.1.2.254");
-    EXPECT_EQ(ap.recv_hex(), "010c000cdeadfeed80000000" "2200000c" "00000000" "0a0102fe");
+    EXPECT_EQ(ap.recv_hex(),
+              "010c000cdeadfeed80000000"
+              "2200000c"
+              "00000000"
+              "0a0102fe");
     p.expect("^> " + a + " flags=0x80 frag=0 ctlr_trans=0 ap_trans=0 data_len=12 DRAVIP addr=10\\.1\\.2\\.254$");
 
     // Keepalives: not answered while switched off, answered again after.
@@ -256,7 +282,10 @@ TEST(DravSimTranscript, AnswersAcknowledgesSendsAndSummarises) {
     p.say("ka on");
     p.expect("^# ka on$");
     ap.send_hex(ka_req);
-    EXPECT_EQ(ap.recv_hex(), "010c0024deadfeed80000000" "20000024" + ka_req.substr(32));
+    EXPECT_EQ(ap.recv_hex(),
+              "010c0024deadfeed80000000"
+              "20000024" +
+                  ka_req.substr(32));
 
     // Malformed input gets a line; a bad command gets a note.
     ap.send_hex("616263");
@@ -271,9 +300,10 @@ TEST(DravSimTranscript, AnswersAcknowledgesSendsAndSummarises) {
 
     kill(p.pid, SIGTERM);
     EXPECT_EQ(p.wait_exit(), 0);
-    p.expect("^# SUMMARY dgrams_in=10 dgrams_out=8 bad_dgrams=1 reg_answered=1 ka_answered=2 msgs_in=2 "
-             "msgs_plain=1 msgs_enc=1 md5_bad=0 msgs_bad=0 frags_refused=0 msgs_sent=1 msgs_acked=1 "
-             "msgs_given_up=0 msgs_queued=0 dropped_in=0 dropped_out=0$");
+    p.expect(
+        "^# SUMMARY dgrams_in=10 dgrams_out=8 bad_dgrams=1 reg_answered=1 ka_answered=2 msgs_in=2 "
+        "msgs_plain=1 msgs_enc=1 md5_bad=0 msgs_bad=0 frags_refused=0 msgs_sent=1 msgs_acked=1 "
+        "msgs_given_up=0 msgs_queued=0 dropped_in=0 dropped_out=0$");
 }
 
 TEST(DravSimTranscript, SwitchesFromTheCommandLine) {

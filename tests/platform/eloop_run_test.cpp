@@ -92,7 +92,8 @@ TEST_F(EloopRun, WaitingForATimeoutCostsNoCpu) {
     vk_eloop_run();
     getrusage(RUSAGE_SELF, &after);
     const auto cpu_us = [](const rusage &r) {
-        return uint64_t(r.ru_utime.tv_sec + r.ru_stime.tv_sec) * 1000000 + uint64_t(r.ru_utime.tv_usec + r.ru_stime.tv_usec);
+        return uint64_t(r.ru_utime.tv_sec + r.ru_stime.tv_sec) * 1000000 +
+               uint64_t(r.ru_utime.tv_usec + r.ru_stime.tv_usec);
     };
     // A spinning loop would burn about the whole 200 ms.
     EXPECT_LT(cpu_us(after) - cpu_us(before), 50000u);

@@ -79,8 +79,8 @@ TEST_F(Node, MacFromInterfaceAddresses) {
     using Tree = std::map<std::string, std::string>;  // interface -> address file
     const Tree with_wlan0 = {{"wlan0", "00:13:A9:C0:FF:EE\n"}, {"eth0", "02:00:00:00:00:01\n"}};
     const Tree without_wlan0 = {
-        {"lo", "02:00:00:00:00:99\n"},          // first by name, never chosen
-        {"veth2", "02:00:00:00:00:03\n"},       // later in name order than veth1
+        {"lo", "02:00:00:00:00:99\n"},     // first by name, never chosen
+        {"veth2", "02:00:00:00:00:03\n"},  // later in name order than veth1
         {"veth1", "02:00:00:00:00:02\n"},
         {"tap0", "00:00:00:00:00:00\n"},        // zero: skipped
         {"dummy", "zz:00:00:00:00:01\n"},       // not an address
@@ -94,7 +94,7 @@ TEST_F(Node, MacFromInterfaceAddresses) {
         const Tree &tree;
         const char *iface;  // null: none configured
         int size;
-        const char *text;   // null: must fail
+        const char *text;  // null: must fail
     };
     const Case cases[] = {
         {"wlan0 by default, in lower case", with_wlan0, nullptr, 13, "0013a9c0ffee"},

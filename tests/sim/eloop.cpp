@@ -16,8 +16,7 @@ namespace {
 bool still_pending(int fd, uint64_t seq) {
     const Socket *s = find_socket(fd);
     if (!s) return false;
-    return std::any_of(s->input.begin(), s->input.end(),
-                       [seq](const Pending &p) { return p.seq == seq; });
+    return std::any_of(s->input.begin(), s->input.end(), [seq](const Pending &p) { return p.seq == seq; });
 }
 
 // Calls the write handler of every registered socket that has room, once.
@@ -190,22 +189,20 @@ int register_sock(std::map<int, sim::ReadSock> &socks, int sock, vk_eloop_sock_h
 }
 }  // namespace
 
-int vk_eloop_register_read_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
-                                void *sock_ctx) {
+int vk_eloop_register_read_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx, void *sock_ctx) {
     return register_sock(world().read_socks, sock, handler, eloop_ctx, sock_ctx);
 }
 
 void vk_eloop_unregister_read_sock(int sock) { world().read_socks.erase(sock); }
 
-int vk_eloop_register_write_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
-                                 void *sock_ctx) {
+int vk_eloop_register_write_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx, void *sock_ctx) {
     return register_sock(world().write_socks, sock, handler, eloop_ctx, sock_ctx);
 }
 
 void vk_eloop_unregister_write_sock(int sock) { world().write_socks.erase(sock); }
 
-int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs,
-                              vk_eloop_timeout_handler handler, void *eloop_ctx, void *user_ctx) {
+int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs, vk_eloop_timeout_handler handler, void *eloop_ctx,
+                              void *user_ctx) {
     if (!handler) {
         errno = EINVAL;
         return -1;
@@ -222,8 +219,7 @@ int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs,
 int vk_eloop_cancel_timeout(vk_eloop_timeout_handler handler, void *eloop_ctx, void *user_ctx) {
     auto &ts = world().timeouts;
     const auto removed = std::erase_if(ts, [&](const sim::Timeout &t) {
-        return t.handler == handler && sim::matches(eloop_ctx, t.ctx1) &&
-               sim::matches(user_ctx, t.ctx2);
+        return t.handler == handler && sim::matches(eloop_ctx, t.ctx1) && sim::matches(user_ctx, t.ctx2);
     });
     return static_cast<int>(removed);
 }

@@ -66,8 +66,7 @@ TEST_F(SimEloop, TimeoutsFireAtTheirVirtualTimesInTimeOrder) {
     EXPECT_EQ(sim::pending_timeouts(), 2u);
 
     sim::run_for(10 * kSec);
-    EXPECT_EQ(trace.names(), (std::vector<std::string>{"one and a half", "two in usecs",
-                                                       "just after two", "five"}));
+    EXPECT_EQ(trace.names(), (std::vector<std::string>{"one and a half", "two in usecs", "just after two", "five"}));
     EXPECT_EQ(trace.times(), (std::vector<uint64_t>{1500 * kMs, 2 * kSec, 2 * kSec + 1, 5 * kSec}));
     EXPECT_EQ(sim::now_us(), 12 * kSec);
     EXPECT_EQ(sim::pending_timeouts(), 0u);
@@ -88,10 +87,10 @@ TEST_F(SimEloop, EqualExpiriesRunInRegistrationOrder) {
     vk_eloop_register_timeout(1, 0, record, &trace, tag("late"));
     vk_eloop_register_timeout(0, 999999, record, &trace, tag("before"));
     sim::run_for(5 * kSec);
-    EXPECT_EQ(trace.names(), (std::vector<std::string>{"early", "before", "a", "registrar", "b",
-                                                       "late", "zero delay"}));
-    EXPECT_EQ(trace.times(), (std::vector<uint64_t>{kSec, 2 * kSec - 1, 2 * kSec, 2 * kSec,
-                                                    2 * kSec, 2 * kSec, 2 * kSec}));
+    EXPECT_EQ(trace.names(),
+              (std::vector<std::string>{"early", "before", "a", "registrar", "b", "late", "zero delay"}));
+    EXPECT_EQ(trace.times(),
+              (std::vector<uint64_t>{kSec, 2 * kSec - 1, 2 * kSec, 2 * kSec, 2 * kSec, 2 * kSec, 2 * kSec}));
 }
 
 TEST_F(SimEloop, CancelRemovesEveryMatchOfHandlerAndContexts) {
@@ -153,13 +152,11 @@ TEST_F(SimEloop, SelfReArmingHandlerRunsOnScheduleAcrossRuns) {
     vk_eloop_register_timeout(bo.delay, 0, backoff_fire, &bo, nullptr);
     EXPECT_EQ(sim::next_timeout_of(backoff_fire), std::optional<uint64_t>(1 * kSec));
     // Uneven slices: the schedule must not depend on where runs end.
-    for (uint64_t slice : {700 * kMs, 2300 * kMs, 3999 * kMs, 1 * kMs, 10 * kSec})
-        sim::run_for(slice);
+    for (uint64_t slice : {700 * kMs, 2300 * kMs, 3999 * kMs, 1 * kMs, 10 * kSec}) sim::run_for(slice);
     EXPECT_EQ(sim::next_timeout_of(backoff_fire), std::optional<uint64_t>(31 * kSec));
     EXPECT_EQ(bo.trace.times(), (std::vector<uint64_t>{1 * kSec, 3 * kSec, 7 * kSec, 15 * kSec}));
     sim::run_for(16 * kSec);
-    EXPECT_EQ(bo.trace.times(),
-              (std::vector<uint64_t>{1 * kSec, 3 * kSec, 7 * kSec, 15 * kSec, 31 * kSec}));
+    EXPECT_EQ(bo.trace.times(), (std::vector<uint64_t>{1 * kSec, 3 * kSec, 7 * kSec, 15 * kSec, 31 * kSec}));
     EXPECT_EQ(sim::next_timeout_of(backoff_fire), std::nullopt);
     EXPECT_EQ(sim::pending_timeouts(backoff_fire), 0u);
 }

@@ -62,8 +62,8 @@ int send(vk_ipc_send_desc_t *d, bool resp) {
     const bool missing = world().ipc_missing.count(*peer) > 0;
     const bool full = world().ipc_full.count(*peer) > 0;
     world().ipc_sent.push_back(IpcSent{world().now_us, d->kind, *peer, m.type, m.len, m.flags,
-                                       std::vector<uint8_t>(m.payload, m.payload + m.len),
-                                       !missing && !full, !missing && full, false});
+                                       std::vector<uint8_t>(m.payload, m.payload + m.len), !missing && !full,
+                                       !missing && full, false});
     if (missing) return fail(ENOENT);
     if (full) return fail(EAGAIN);
     const int from = resp ? d->handle->sock : peer_sock(d->handle->sock, *peer);
@@ -90,8 +90,8 @@ int send(vk_ipc_send_desc_t *d, bool resp) {
 const std::vector<IpcSent> &ipc_sent() { return world().ipc_sent; }
 void ipc_clear_sent() { world().ipc_sent.clear(); }
 
-void ipc_inject(uint32_t type, uint32_t flags, std::span<const uint8_t> payload,
-                const std::string &sender, const std::string &to) {
+void ipc_inject(uint32_t type, uint32_t flags, std::span<const uint8_t> payload, const std::string &sender,
+                const std::string &to) {
     const uint32_t hdr[3] = {type, static_cast<uint32_t>(payload.size()), flags};
     std::vector<uint8_t> bytes(VK_IPC_HDR_LEN + payload.size());
     std::memcpy(bytes.data(), hdr, VK_IPC_HDR_LEN);
@@ -181,8 +181,7 @@ int vk_ipc_recv_large(fd_set *set, vk_ipc_recv_desc_t *rec, uint8_t *received) {
     sim::uncharge(p);
     // The buffer holds at most one whole envelope; the check sees the true
     // size, so an oversized datagram is refused rather than cut.
-    if (!p.bytes.empty())
-        std::memcpy(rec->msg, p.bytes.data(), std::min(p.bytes.size(), VK_IPC_MSG_MAX));
+    if (!p.bytes.empty()) std::memcpy(rec->msg, p.bytes.data(), std::min(p.bytes.size(), VK_IPC_MSG_MAX));
     // A sender path too long for the field is handed out empty, as by the real one.
     if (p.sender.size() < VK_IPC_PATH_MAX) {
         std::memcpy(rec->sender, p.sender.data(), p.sender.size());

@@ -2,8 +2,7 @@
 
 #include <cstring>
 
-tovrin_app_msg_t app_header(int32_t src, const char *name, uint32_t id, uint32_t flags, int32_t dst,
-                            std::size_t len) {
+tovrin_app_msg_t app_header(int32_t src, const char *name, uint32_t id, uint32_t flags, int32_t dst, std::size_t len) {
     tovrin_app_msg_t h{};
     h.src_ep = src;
     std::strncpy(h.src_name, name, sizeof h.src_name - 1);

@@ -64,8 +64,8 @@ std::vector<uint8_t> envelope(uint32_t type, uint32_t len_word, uint32_t flags, 
     return d;
 }
 
-int send(vk_ipc_handle_t &h, bool resp, uint32_t kind, const char *peer, uint32_t type,
-         uint32_t flags, const std::vector<uint8_t> &payload, uint32_t len) {
+int send(vk_ipc_handle_t &h, bool resp, uint32_t kind, const char *peer, uint32_t type, uint32_t flags,
+         const std::vector<uint8_t> &payload, uint32_t len) {
     auto msg = std::make_unique<vk_ipc_msg_t>();
     msg->type = type;
     msg->len = len;
@@ -205,9 +205,8 @@ TEST_F(SimIpc, SendsAreCapturedAndDeliveredToOpenEndpoints) {
     ASSERT_EQ(daemon.rc, 0);
     ASSERT_EQ(cli.rc, 0);
     sim::run_for(250 * kMs);
-    EXPECT_EQ(send(daemon.h, false, VK_IPC_KIND_NOTIFY, "/vk/ipc/cli", 29, VK_IPC_F_NOTIFY,
-                   {0xde, 0xad, 0xbe, 0xef}, 4),
-              0);
+    EXPECT_EQ(
+        send(daemon.h, false, VK_IPC_KIND_NOTIFY, "/vk/ipc/cli", 29, VK_IPC_F_NOTIFY, {0xde, 0xad, 0xbe, 0xef}, 4), 0);
     EXPECT_EQ(send(daemon.h, true, VK_IPC_KIND_RESP, "/vk/ipc/elsewhere", 28, VK_IPC_F_RESPONSE, {0x42}, 1), 0);
     // Refused before anything leaves: too long, no peer, a peer field without its NUL.
     EXPECT_EQ(send(daemon.h, false, VK_IPC_KIND_NOTIFY, "/vk/ipc/cli", 1, 0, {}, VK_IPC_PAYLOAD_MAX + 1), -1);

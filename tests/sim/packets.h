@@ -31,5 +31,4 @@ std::vector<uint8_t> enc_payload(int32_t src, int32_t dst, const std::vector<uin
                                  const std::vector<uint8_t> &key, const std::vector<uint8_t> &iv);
 // Cuts a payload into controller fragments (flags 0x24, RETX on all when retx,
 // MORE_FRAGS on all but the last).
-std::vector<std::vector<uint8_t>> fragments(const std::vector<uint8_t> &payload, uint8_t ctlr_trans,
-                                            bool retx = false);
+std::vector<std::vector<uint8_t>> fragments(const std::vector<uint8_t> &payload, uint8_t ctlr_trans, bool retx = false);

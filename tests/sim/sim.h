@@ -39,9 +39,9 @@ std::optional<uint64_t> next_timeout_of(vk_eloop_timeout_handler h);
 
 // ---- UDP ----
 struct Datagram {
-    uint64_t at_us;          // virtual time of the send
-    uint32_t ip;             // destination (sent) or source (injected), network order
-    uint16_t port;           // host order
+    uint64_t at_us;  // virtual time of the send
+    uint32_t ip;     // destination (sent) or source (injected), network order
+    uint16_t port;   // host order
     std::vector<uint8_t> bytes;
 };
 // Every datagram the daemon sent, oldest first.
@@ -64,13 +64,13 @@ void udp_fail_send(int err);
 // ---- IPC ----
 struct IpcSent {
     uint64_t at_us;
-    uint32_t kind;           // VK_IPC_KIND_NOTIFY or VK_IPC_KIND_RESP
-    std::string peer;        // destination endpoint path
+    uint32_t kind;     // VK_IPC_KIND_NOTIFY or VK_IPC_KIND_RESP
+    std::string peer;  // destination endpoint path
     uint32_t type, len, flags;
     std::vector<uint8_t> payload;  // len bytes
-    bool delivered;          // false when refused
-    bool full;               // refused with EAGAIN: the peer's queue or the sender's budget was full
-    bool held_by_other;      // refused for a budget that datagrams waiting at other receivers use
+    bool delivered;                // false when refused
+    bool full;                     // refused with EAGAIN: the peer's queue or the sender's budget was full
+    bool held_by_other;            // refused for a budget that datagrams waiting at other receivers use
 };
 // Every IPC message sent by any handle (daemon, sysmon calls), oldest first.
 const std::vector<IpcSent> &ipc_sent();

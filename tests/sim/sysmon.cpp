@@ -25,8 +25,6 @@ int sysmon_send(vk_ipc_handle_t *h, uint32_t type, int num) {
 
 }  // namespace
 
-int sysmon_send_handshake(vk_ipc_handle_t *h, int num) {
-    return sysmon_send(h, SYSMON_IPC_HANDSHAKE, num);
-}
+int sysmon_send_handshake(vk_ipc_handle_t *h, int num) { return sysmon_send(h, SYSMON_IPC_HANDSHAKE, num); }
 
 int sysmon_send_hb(vk_ipc_handle_t *h, int num) { return sysmon_send(h, SYSMON_IPC_HEARTBEAT, num); }

@@ -53,8 +53,7 @@ const std::vector<Datagram> &udp_sent() { return world().udp_sent; }
 void udp_clear_sent() { world().udp_sent.clear(); }
 
 void udp_inject(uint32_t from_ip_net, std::vector<uint8_t> bytes, uint16_t from_port) {
-    if (Socket *s = udp_at_port(kLinkPort))
-        push_input(*s, Pending{0, std::move(bytes), from_ip_net, from_port, {}});
+    if (Socket *s = udp_at_port(kLinkPort)) push_input(*s, Pending{0, std::move(bytes), from_ip_net, from_port, {}});
 }
 
 std::size_t udp_pending() {
@@ -90,8 +89,7 @@ int vk_os_socket(int domain, int type, int protocol) {
         errno = EAFNOSUPPORT;
         return -1;
     }
-    if ((type & ~(SOCK_NONBLOCK | SOCK_CLOEXEC)) != SOCK_DGRAM ||
-        (protocol != 0 && protocol != IPPROTO_UDP)) {
+    if ((type & ~(SOCK_NONBLOCK | SOCK_CLOEXEC)) != SOCK_DGRAM || (protocol != 0 && protocol != IPPROTO_UDP)) {
         errno = EPROTONOSUPPORT;
         return -1;
     }
@@ -128,8 +126,7 @@ int vk_os_bind(int fd, const struct sockaddr *addr, socklen_t len) {
 
 // Never blocks: an empty socket gives EAGAIN. A datagram longer than len is
 // cut to len and its rest lost, as on a real datagram socket.
-ssize_t vk_os_recvfrom(int fd, void *buf, size_t len, int, struct sockaddr *from,
-                       socklen_t *fromlen) {
+ssize_t vk_os_recvfrom(int fd, void *buf, size_t len, int, struct sockaddr *from, socklen_t *fromlen) {
     sim::Socket *s = sim::udp_socket(fd);
     if (!s) return -1;
     if (s->input.empty()) {
@@ -151,8 +148,7 @@ ssize_t vk_os_recvfrom(int fd, void *buf, size_t len, int, struct sockaddr *from
     return static_cast<ssize_t>(n);
 }
 
-ssize_t vk_os_sendto(int fd, const void *buf, size_t len, int, const struct sockaddr *to,
-                     socklen_t tolen) {
+ssize_t vk_os_sendto(int fd, const void *buf, size_t len, int, const struct sockaddr *to, socklen_t tolen) {
     sim::Socket *s = sim::udp_socket(fd);
     if (!s) return -1;
     const sockaddr_in *in = sim::inet_addr_of(to, tolen);
@@ -164,9 +160,8 @@ ssize_t vk_os_sendto(int fd, const void *buf, size_t len, int, const struct sock
     // An unbound socket gets a port on its first send, as in the kernel.
     if (s->port == 0) s->port = sim::next_ephemeral_port();
     const auto *b = static_cast<const uint8_t *>(buf);
-    world().udp_sent.push_back(sim::Datagram{world().now_us, in->sin_addr.s_addr,
-                                             ntohs(in->sin_port),
-                                             std::vector<uint8_t>(b, b + len)});
+    world().udp_sent.push_back(
+        sim::Datagram{world().now_us, in->sin_addr.s_addr, ntohs(in->sin_port), std::vector<uint8_t>(b, b + len)});
     return static_cast<ssize_t>(len);
 }
 

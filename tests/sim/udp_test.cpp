@@ -77,10 +77,10 @@ TEST_F(SimUdp, SocketsAreInetDatagramOnFakeDescriptors) {
     struct Refused {
         int domain, type, protocol, err;
     };
-    for (const Refused &r : {Refused{AF_INET6, SOCK_DGRAM, 0, EAFNOSUPPORT},
-                             Refused{AF_UNIX, SOCK_DGRAM, 0, EAFNOSUPPORT},
-                             Refused{AF_INET, SOCK_STREAM, 0, EPROTONOSUPPORT},
-                             Refused{AF_INET, SOCK_DGRAM, IPPROTO_TCP, EPROTONOSUPPORT}}) {
+    for (const Refused &r :
+         {Refused{AF_INET6, SOCK_DGRAM, 0, EAFNOSUPPORT}, Refused{AF_UNIX, SOCK_DGRAM, 0, EAFNOSUPPORT},
+          Refused{AF_INET, SOCK_STREAM, 0, EPROTONOSUPPORT},
+          Refused{AF_INET, SOCK_DGRAM, IPPROTO_TCP, EPROTONOSUPPORT}}) {
         errno = 0;
         EXPECT_EQ(vk_os_socket(r.domain, r.type, r.protocol), -1);
         EXPECT_EQ(errno, r.err);
@@ -141,9 +141,7 @@ TEST_F(SimUdp, SendsAreCapturedWithTimeDestinationAndBytes) {
     const sockaddr_in a = inet(ip("192.0.2.7"), kLinkPort);
     const sockaddr_in b = inet(ip("198.51.100.1"), 9999);
     const std::array<uint8_t, 5> payload{0x00, 0xff, 0x10, 0x00, 0x7f};
-    EXPECT_EQ(vk_os_sendto(fd, payload.data(), payload.size(), 0,
-                           reinterpret_cast<const sockaddr *>(&a), sizeof a),
-              5);
+    EXPECT_EQ(vk_os_sendto(fd, payload.data(), payload.size(), 0, reinterpret_cast<const sockaddr *>(&a), sizeof a), 5);
     sim::run_for(1500 * kMs);
     EXPECT_EQ(vk_os_sendto(fd, "hi", 2, 0, reinterpret_cast<const sockaddr *>(&b), sizeof b), 2);
     // Not an IPv4 destination: refused and not captured.
@@ -213,10 +211,13 @@ TEST_F(SimUdp, InjectedDatagramsAreReadBeforeLaterTimeouts) {
     EXPECT_TRUE(r.got.empty());  // read at the next settle/run, not at injection
     sim::run_for(5 * kSec);
     const std::vector<std::pair<uint64_t, std::string>> want = {
-        {500 * kMs, "first"}, {500 * kMs, "second"}, {kSec, "timeout"},
+        {500 * kMs, "first"},
+        {500 * kMs, "second"},
+        {kSec, "timeout"},
         // Both timeouts due at 2 s run before the datagram the first of them
         // brought is read, as in the real loop: timeouts first at an instant.
-        {2 * kSec, "after reply"}, {2 * kSec, "reply"}};
+        {2 * kSec, "after reply"},
+        {2 * kSec, "reply"}};
     EXPECT_EQ(r.got, want);
     EXPECT_EQ(sim::udp_pending(), 0u);
 }
@@ -227,8 +228,8 @@ TEST_F(SimUdp, ReadHandlerIsCalledOncePerPendingDatagram) {
         const char *what;
         std::size_t per_call, calls, read;
     };
-    for (const Case &c : {Case{"reads one per call", 1, 3, 3}, Case{"drains the socket", 8, 1, 3},
-                          Case{"never reads", 0, 3, 0}}) {
+    for (const Case &c :
+         {Case{"reads one per call", 1, 3, 3}, Case{"drains the socket", 8, 1, 3}, Case{"never reads", 0, 3, 0}}) {
         SCOPED_TRACE(c.what);
         Reads r;
         r.per_call = c.per_call;

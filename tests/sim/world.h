@@ -40,9 +40,9 @@ struct Pending {
 };
 
 struct Socket {
-    bool ipc = false;     // else UDP
-    uint16_t port = 0;    // UDP: bound port, 0 while unbound
-    std::string path;     // IPC: endpoint path; empty for a sending socket
+    bool ipc = false;   // else UDP
+    uint16_t port = 0;  // UDP: bound port, 0 while unbound
+    std::string path;   // IPC: endpoint path; empty for a sending socket
     std::deque<Pending> input;
     // IPC sending socket of handle fd owner, connected to endpoint peer.
     int owner = -1;

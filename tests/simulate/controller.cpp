@@ -45,7 +45,8 @@ void Controller::queue_msg(int32_t src, int32_t dst, std::vector<uint8_t> data, 
         why = dsim_payload_plain(static_cast<uint32_t>(src), static_cast<uint32_t>(dst), data, p);
     }
     if (!why.empty()) throw std::runtime_error("controller cannot build a message: " + why);
-    by_head[std::vector<uint8_t>(p.begin(), p.begin() + static_cast<long>(std::min<std::size_t>(p.size(), 48)))] = serial;
+    by_head[std::vector<uint8_t>(p.begin(), p.begin() + static_cast<long>(std::min<std::size_t>(p.size(), 48)))] =
+        serial;
     sent[serial] = CtrlMsg{serial, src, dst, std::move(data)};
     queue_.push_back(Out{serial, std::move(p)});
 }

@@ -16,11 +16,11 @@ namespace simulate {
 
 // A message the controller sent, as the scenario needs to judge deliveries.
 struct CtrlMsg {
-    uint64_t serial;              // also the first 8 data bytes
+    uint64_t serial;  // also the first 8 data bytes
     int32_t src, dst;
     std::vector<uint8_t> data;
     uint8_t trans = 0;
-    bool acked = false;           // an acknowledgement for it came back
+    bool acked = false;  // an acknowledgement for it came back
 };
 
 // A data message the controller received whole from the access point.
@@ -34,8 +34,8 @@ public:
     using Send = std::function<void(uint32_t from_ip, std::vector<uint8_t> bytes)>;
     Controller(Send send, std::vector<uint8_t> key) : send_(std::move(send)), key_(std::move(key)) {}
 
-    uint32_t ip = 0;              // where it listens and sends from
-    bool answering = true;        // false: receives nothing, sends nothing
+    uint32_t ip = 0;        // where it listens and sends from
+    bool answering = true;  // false: receives nothing, sends nothing
 
     // Moves to a new address: a restarted controller, its message in flight abandoned.
     void restart_at(uint32_t new_ip, uint8_t first_trans);

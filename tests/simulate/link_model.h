@@ -12,14 +12,14 @@
 namespace simulate {
 
 struct Faults {
-    double loss = 0;        // chance a datagram is lost
-    double dup = 0;         // chance a datagram arrives a second time
-    uint64_t delay_us = 1000;   // least transit time
-    uint64_t jitter_us = 0;     // extra transit time, uniform 0..jitter: reordering
+    double loss = 0;           // chance a datagram is lost
+    double dup = 0;            // chance a datagram arrives a second time
+    uint64_t delay_us = 1000;  // least transit time
+    uint64_t jitter_us = 0;    // extra transit time, uniform 0..jitter: reordering
 };
 
 struct InFlight {
-    bool to_ap;             // else to the controller
+    bool to_ap;               // else to the controller
     uint32_t src_ip, dst_ip;  // network order
     std::vector<uint8_t> bytes;
 };

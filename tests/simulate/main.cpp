@@ -55,16 +55,17 @@ int main(int argc, char **argv) {
     }
     const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     std::fprintf(out, "%llu seeds (%llu..%llu), %llu failed, %.1f s; %.1f virtual hours\n",
-                static_cast<unsigned long long>(count), static_cast<unsigned long long>(first),
-                static_cast<unsigned long long>(first + count - 1), static_cast<unsigned long long>(failures), secs,
-                static_cast<double>(total.virtual_ms) / 3.6e6);
-    std::fprintf(out, "local messages %llu: answered ok %llu, failed %llu; controller messages %llu: deliveries %llu "
-                "(%llu repeated); link losses %llu; datagrams %llu\n",
-                static_cast<unsigned long long>(total.local_msgs), static_cast<unsigned long long>(total.answered_ok),
-                static_cast<unsigned long long>(total.answered_failed), static_cast<unsigned long long>(total.ctrl_msgs),
-                static_cast<unsigned long long>(total.deliveries),
-                static_cast<unsigned long long>(total.duplicate_deliveries),
-                static_cast<unsigned long long>(total.link_downs), static_cast<unsigned long long>(total.datagrams));
+                 static_cast<unsigned long long>(count), static_cast<unsigned long long>(first),
+                 static_cast<unsigned long long>(first + count - 1), static_cast<unsigned long long>(failures), secs,
+                 static_cast<double>(total.virtual_ms) / 3.6e6);
+    std::fprintf(out,
+                 "local messages %llu: answered ok %llu, failed %llu; controller messages %llu: deliveries %llu "
+                 "(%llu repeated); link losses %llu; datagrams %llu\n",
+                 static_cast<unsigned long long>(total.local_msgs), static_cast<unsigned long long>(total.answered_ok),
+                 static_cast<unsigned long long>(total.answered_failed),
+                 static_cast<unsigned long long>(total.ctrl_msgs), static_cast<unsigned long long>(total.deliveries),
+                 static_cast<unsigned long long>(total.duplicate_deliveries),
+                 static_cast<unsigned long long>(total.link_downs), static_cast<unsigned long long>(total.datagrams));
     std::fclose(out);
     return failures == 0 ? 0 : 1;
 }

@@ -59,13 +59,13 @@ int32_t endpoint_at(uint64_t i) { return app_ep[i].id; }
 struct Failure : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
-#define EXPECT(cond, ...)                                             \
-    do {                                                              \
-        if (!(cond)) {                                                \
-            char buf_[512];                                           \
-            std::snprintf(buf_, sizeof buf_, __VA_ARGS__);            \
-            throw Failure(std::string(#cond) + ": " + buf_);          \
-        }                                                             \
+#define EXPECT(cond, ...)                                    \
+    do {                                                     \
+        if (!(cond)) {                                       \
+            char buf_[512];                                  \
+            std::snprintf(buf_, sizeof buf_, __VA_ARGS__);   \
+            throw Failure(std::string(#cond) + ": " + buf_); \
+        }                                                    \
     } while (0)
 
 uint32_t ip_of(uint8_t a, uint8_t b, uint8_t c, uint8_t d) {
@@ -284,9 +284,7 @@ void Run::schedule() {
     // Encryption of new outgoing messages switched on and off.
     for (uint64_t t = rnd(0, 20) * kSec; t < sends_end_; t += rnd(5, 40) * kSec) {
         const int32_t state = coin(0.5) ? 1 : 0;
-        at(t, [this, state] {
-            notify(TOVRIN_IPC_SET_ENCRYPT, word_payload(static_cast<uint32_t>(state)));
-        });
+        at(t, [this, state] { notify(TOVRIN_IPC_SET_ENCRYPT, word_payload(static_cast<uint32_t>(state))); });
     }
     // Local senders and the controller's own messages.
     const uint64_t local_gap = rnd(300, 3000) * kMs, ctrl_gap = rnd(500, 4000) * kMs;
@@ -348,8 +346,7 @@ void Run::collect() {
         if (h.flags & TOVRIN_MSG_F_FROM_CTRL) {
             taken_ += s.delivered;
             check_delivery(s, h);
-        }
-        else
+        } else
             check_answer(s, h);
     }
     observe_status();
@@ -379,7 +376,8 @@ void Run::observe_status() {
 
 void Run::to_ap(const InFlight &d) {
     // Account for starts of controller messages the daemon cannot tell from new ones.
-    if (d.bytes.size() >= TOVRIN_HDR_LEN && d.src_ip == tovrin_gbl.drav_ip && !(d.bytes[8] & (TOVRIN_F_CTRL | TOVRIN_F_ACK))) {
+    if (d.bytes.size() >= TOVRIN_HDR_LEN && d.src_ip == tovrin_gbl.drav_ip &&
+        !(d.bytes[8] & (TOVRIN_F_CTRL | TOVRIN_F_ACK))) {
         const std::vector<uint8_t> payload(d.bytes.begin() + TOVRIN_HDR_LEN, d.bytes.end());
         const uint8_t frag = d.bytes[9], flags = d.bytes[8];
         uint64_t serial = 0;
@@ -492,8 +490,8 @@ void Run::check_end() {
            (unsigned long long)c.up_messages_acked, (unsigned long long)c.up_messages_failed);
     EXPECT(c.down_messages_delivered == taken_, "counters: %llu delivered, the endpoints took %llu",
            (unsigned long long)c.down_messages_delivered, (unsigned long long)taken_);
-    EXPECT(c.link_ups == c.link_downs + 1, "counters: %llu ups, %llu downs, link up",
-           (unsigned long long)c.link_ups, (unsigned long long)c.link_downs);
+    EXPECT(c.link_ups == c.link_downs + 1, "counters: %llu ups, %llu downs, link up", (unsigned long long)c.link_ups,
+           (unsigned long long)c.link_downs);
     // Whatever the controller took whole, a local application sent, unchanged.
     std::set<uint32_t> at_ctrl;
     for (const ApMsg &r : ctrl_->received) {
@@ -510,9 +508,10 @@ void Run::check_end() {
         // One that stopped reading for long may have lost its answer.
         if (!(stuck_.count(m.src) && m.answers == 0))
             EXPECT(m.answers == (asked ? 1 : 0), "id %u (flags 0x%x, from %d) answered %d times", uid, m.flags, m.src,
-               m.answers);
+                   m.answers);
         // A success answer means the controller has the message.
-        if (asked && !m.failed && m.answers == 1) EXPECT(at_ctrl.count(uid), "id %u reported delivered, controller lacks it", uid);
+        if (asked && !m.failed && m.answers == 1)
+            EXPECT(at_ctrl.count(uid), "id %u reported delivered, controller lacks it", uid);
     }
     // A message the controller saw acknowledged was handed to its endpoint.
     for (const auto &[serial, m] : ctrl_->sent)

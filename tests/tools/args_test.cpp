@@ -11,8 +11,7 @@
 namespace tovrinctl {
 namespace {
 
-parse_result_t parse(const std::vector<std::string> &words)
-{
+parse_result_t parse(const std::vector<std::string> &words) {
     std::vector<std::string_view> views(words.begin(), words.end());
     return parse_args(views);
 }
@@ -22,8 +21,7 @@ struct refusal_case {
     std::string error_part;  // must appear in the one-line error
 };
 
-TEST(TovrinctlArgs, RefusesMalformedCommandLinesWithAReason)
-{
+TEST(TovrinctlArgs, RefusesMalformedCommandLinesWithAReason) {
     const std::string name64(64, 'n');
     const std::vector<refusal_case> cases = {
         {{}, "no command"},
@@ -82,22 +80,19 @@ TEST(TovrinctlArgs, RefusesMalformedCommandLinesWithAReason)
     };
     for (const refusal_case &c : cases) {
         std::string shown;
-        for (const std::string &w : c.argv)
-            shown += (w.size() > 40 ? w.substr(0, 40) + "..." : w) + " ";
+        for (const std::string &w : c.argv) shown += (w.size() > 40 ? w.substr(0, 40) + "..." : w) + " ";
         const parse_result_t r = parse(c.argv);
         EXPECT_EQ(r.kind, parse_kind_t::usage) << shown;
-        EXPECT_NE(r.error.find(c.error_part), std::string::npos)
-            << shown << "-> error: " << r.error;
+        EXPECT_NE(r.error.find(c.error_part), std::string::npos) << shown << "-> error: " << r.error;
     }
 }
 
-TEST(TovrinctlArgs, HelpWinsAnywhere)
-{
-    for (const auto &argv : std::vector<std::vector<std::string>>{
-             {"--help"}, {"-h"}, {"status", "--help"}, {"send", "5", "-h", "x"}})
+TEST(TovrinctlArgs, HelpWinsAnywhere) {
+    for (const auto &argv :
+         std::vector<std::vector<std::string>>{{"--help"}, {"-h"}, {"status", "--help"}, {"send", "5", "-h", "x"}})
         EXPECT_EQ(parse(argv).kind, parse_kind_t::help) << argv[0];
-    for (const auto &argv : std::vector<std::vector<std::string>>{
-             {"--version"}, {"--timeout", "5", "--version"}, {"status", "--version"}})
+    for (const auto &argv :
+         std::vector<std::vector<std::string>>{{"--version"}, {"--timeout", "5", "--version"}, {"status", "--version"}})
         EXPECT_EQ(parse(argv).kind, parse_kind_t::version) << argv.back();
     EXPECT_NE(std::string(usage_text()).find("\n  --version "), std::string::npos);
 }
@@ -107,8 +102,7 @@ struct accept_case {
     std::function<void(const options_t &)> check;
 };
 
-TEST(TovrinctlArgs, AcceptsEachCommandWithItsOperands)
-{
+TEST(TovrinctlArgs, AcceptsEachCommandWithItsOperands) {
     const std::vector<accept_case> cases = {
         {{"status"},
          [](const options_t &o) {
@@ -121,7 +115,8 @@ TEST(TovrinctlArgs, AcceptsEachCommandWithItsOperands)
              EXPECT_EQ(o.timeout_ms, 500u);
              EXPECT_EQ(o.path, "/vk/ipc/other");
          }},
-        {{"dump", "--timeout=750"}, [](const options_t &o) {
+        {{"dump", "--timeout=750"},
+         [](const options_t &o) {
              EXPECT_EQ(o.cmd, command_t::dump);
              EXPECT_EQ(o.timeout_ms, 750u);
          }},
@@ -168,13 +163,15 @@ TEST(TovrinctlArgs, AcceptsEachCommandWithItsOperands)
          [](const options_t &o) {
              ASSERT_EQ(o.warnings.size(), 1u);
              EXPECT_NE(o.warnings[0].find("21 bytes; the daemon keeps keys of up to 20 bytes, refuses"),
-                       std::string::npos) << o.warnings[0];
+                       std::string::npos)
+                 << o.warnings[0];
          }},
         {{"key", "000102030405060708090a0b0c0d0e0f10111213"},
          [](const options_t &o) {
              ASSERT_EQ(o.warnings.size(), 1u);
              EXPECT_NE(o.warnings[0].find("20 bytes; the daemon keeps up to 20 but only a 16-byte key works"),
-                       std::string::npos) << o.warnings[0];
+                       std::string::npos)
+                 << o.warnings[0];
          }},
         {{"encrypt", "-1"}, [](const options_t &o) { EXPECT_EQ(o.state, -1); }},
         {{"encrypt", "-2147483648"}, [](const options_t &o) { EXPECT_EQ(o.state, INT32_MIN); }},
@@ -191,7 +188,9 @@ TEST(TovrinctlArgs, AcceptsEachCommandWithItsOperands)
              EXPECT_EQ(o.bytes, (std::vector<uint8_t>{1, 2}));
          }},
         {{"controller", "192.168.1.20"},
-         [](const options_t &o) { EXPECT_EQ(o.addr, (std::array<uint8_t, 4>{192, 168, 1, 20})); }},
+         [](const options_t &o) {
+             EXPECT_EQ(o.addr, (std::array<uint8_t, 4>{192, 168, 1, 20}));
+         }},
         {{"karate", "-7", "4294967295"},
          [](const options_t &o) {
              EXPECT_EQ(o.app_id, -7);
@@ -250,8 +249,7 @@ TEST(TovrinctlArgs, AcceptsEachCommandWithItsOperands)
     for (const accept_case &c : cases) {
         const parse_result_t r = parse(c.argv);
         std::string shown;
-        for (const std::string &w : c.argv)
-            shown += w + " ";
+        for (const std::string &w : c.argv) shown += w + " ";
         ASSERT_EQ(r.kind, parse_kind_t::ok) << shown << "-> " << r.error;
         SCOPED_TRACE(shown);
         c.check(r.opts);
@@ -260,8 +258,7 @@ TEST(TovrinctlArgs, AcceptsEachCommandWithItsOperands)
 
 // The usage text is made from the command table: every row is listed with its
 // form and help, and the words of every row reach that row's parser.
-TEST(TovrinctlArgs, UsageListsEveryCommandOfTheTable)
-{
+TEST(TovrinctlArgs, UsageListsEveryCommandOfTheTable) {
     const std::string usage(usage_text());
     ASSERT_GE(command_table().size(), 12u);
     for (const command_spec_t &c : command_table()) {
@@ -270,8 +267,7 @@ TEST(TovrinctlArgs, UsageListsEveryCommandOfTheTable)
         const std::string help_start(c.help.substr(0, c.help.find('\n')));
         EXPECT_NE(usage.find(help_start, usage.find(line)), std::string::npos) << c.help;
         std::vector<std::string> words{std::string(c.name)};
-        if (!c.sub.empty())
-            words.emplace_back(c.sub);
+        if (!c.sub.empty()) words.emplace_back(c.sub);
         const parse_result_t r = parse(words);
         if (r.kind == parse_kind_t::ok)
             EXPECT_EQ(r.opts.cmd, c.cmd) << c.usage;
@@ -281,8 +277,7 @@ TEST(TovrinctlArgs, UsageListsEveryCommandOfTheTable)
     EXPECT_NE(usage.find("Endpoint ids: 101 102 105 106 107 108 109."), std::string::npos);
 }
 
-TEST(TovrinctlArgs, NumbersAreDecimalOrHexWithinTheirRange)
-{
+TEST(TovrinctlArgs, NumbersAreDecimalOrHexWithinTheirRange) {
     EXPECT_EQ(parse_u32("0"), 0u);
     EXPECT_EQ(parse_u32("4294967295"), 4294967295u);
     EXPECT_EQ(parse_u32("0xFFFFFFFF"), 4294967295u);

@@ -12,8 +12,7 @@
 
 namespace {
 
-TEST(EndpointTable, TheEndToEndShellListMatchesIt)
-{
+TEST(EndpointTable, TheEndToEndShellListMatchesIt) {
     std::ifstream in(TOVRIN_E2E_LIB);
     ASSERT_TRUE(in) << TOVRIN_E2E_LIB;
     std::stringstream ss;
@@ -32,8 +31,7 @@ TEST(EndpointTable, TheEndToEndShellListMatchesIt)
         EXPECT_TRUE(shell.emplace(std::stoi((*it)[1]), (*it)[2]).second) << "id " << (*it)[1] << " twice";
 
     std::map<int, std::string> table;
-    for (const tovrin_app_ep_t *ep = app_ep; ep->id != -1; ++ep)
-        table.emplace(ep->id, ep->path);
+    for (const tovrin_app_ep_t *ep = app_ep; ep->id != -1; ++ep) table.emplace(ep->id, ep->path);
     EXPECT_EQ(table.size(), TOVRIN_APP_EP_COUNT);
     EXPECT_EQ(shell, table);
 }

@@ -10,27 +10,21 @@
 
 namespace ctltest {
 
-test_endpoint::test_endpoint(std::string_view path)
-{
+test_endpoint::test_endpoint(std::string_view path) {
     std::memcpy(h_.path, path.data(), std::min(path.size(), VK_IPC_PATH_MAX - 1));
     open_ = vk_ipc_open(&h_) == 0;
 }
 
-test_endpoint::~test_endpoint()
-{
-    if (open_)
-        vk_ipc_close(&h_);
+test_endpoint::~test_endpoint() {
+    if (open_) vk_ipc_close(&h_);
 }
 
-int test_endpoint::send(std::string_view peer, uint32_t type, uint32_t flags,
-                        std::span<const uint8_t> payload)
-{
+int test_endpoint::send(std::string_view peer, uint32_t type, uint32_t flags, std::span<const uint8_t> payload) {
     auto m = std::make_unique<vk_ipc_msg_t>();
     m->type = type;
     m->len = static_cast<uint32_t>(payload.size());
     m->flags = flags;
-    if (!payload.empty())
-        std::memcpy(m->payload, payload.data(), payload.size());
+    if (!payload.empty()) std::memcpy(m->payload, payload.data(), payload.size());
     vk_ipc_send_desc_t d{};
     d.handle = &h_;
     d.msg = m.get();
@@ -43,60 +37,49 @@ int test_endpoint::send(std::string_view peer, uint32_t type, uint32_t flags,
     return vk_ipc_send_large(&d);
 }
 
-fake_daemon::fake_daemon(std::string_view path) : ep_(path)
-{
-    if (ep_.is_open())
-        thread_ = std::thread([this] { serve(); });
+fake_daemon::fake_daemon(std::string_view path) : ep_(path) {
+    if (ep_.is_open()) thread_ = std::thread([this] { serve(); });
 }
 
-fake_daemon::~fake_daemon()
-{
+fake_daemon::~fake_daemon() {
     stop_ = true;
-    if (thread_.joinable())
-        thread_.join();
+    if (thread_.joinable()) thread_.join();
 }
 
-void fake_daemon::answer(uint32_t code, std::vector<uint8_t> payload)
-{
+void fake_daemon::answer(uint32_t code, std::vector<uint8_t> payload) {
     std::lock_guard lock(mu_);
     answers_[code] = std::move(payload);
 }
 
-void fake_daemon::set_outcome(outcome_t o)
-{
+void fake_daemon::set_outcome(outcome_t o) {
     std::lock_guard lock(mu_);
     outcome_ = o;
 }
 
-std::vector<received_t> fake_daemon::received()
-{
+std::vector<received_t> fake_daemon::received() {
     std::lock_guard lock(mu_);
     return received_;
 }
 
-std::vector<received_t> fake_daemon::received(std::size_t n, std::chrono::milliseconds timeout)
-{
+std::vector<received_t> fake_daemon::received(std::size_t n, std::chrono::milliseconds timeout) {
     std::unique_lock lock(mu_);
     arrived_.wait_for(lock, timeout, [&] { return received_.size() >= n; });
     return received_;
 }
 
-void fake_daemon::serve()
-{
+void fake_daemon::serve() {
     auto m = std::make_unique<vk_ipc_msg_t>();
     while (!stop_) {
         fd_set set;
         FD_ZERO(&set);
         FD_SET(ep_.handle()->sock, &set);
         timeval tv{0, 20000};
-        if (select(ep_.handle()->sock + 1, &set, nullptr, nullptr, &tv) <= 0)
-            continue;
+        if (select(ep_.handle()->sock + 1, &set, nullptr, nullptr, &tv) <= 0) continue;
         vk_ipc_recv_desc_t rec{};
         rec.handle = ep_.handle();
         rec.msg = m.get();
         uint8_t got = 0;
-        if (vk_ipc_recv_large(&set, &rec, &got) != 0 || !got)
-            continue;
+        if (vk_ipc_recv_large(&set, &rec, &got) != 0 || !got) continue;
         std::vector<uint8_t> answer;
         bool has_answer = false;
         {
@@ -108,29 +91,23 @@ void fake_daemon::serve()
             }
         }
         arrived_.notify_all();
-        if ((m->flags & VK_IPC_F_REQUEST) && has_answer)
-            ep_.send(rec.sender, m->type, VK_IPC_F_RESPONSE, answer);
-        if (!(m->flags & VK_IPC_F_REQUEST) && m->type == 122)
-            answer_app_msg(*m);
+        if ((m->flags & VK_IPC_F_REQUEST) && has_answer) ep_.send(rec.sender, m->type, VK_IPC_F_RESPONSE, answer);
+        if (!(m->flags & VK_IPC_F_REQUEST) && m->type == 122) answer_app_msg(*m);
     }
 }
 
-void fake_daemon::answer_app_msg(const vk_ipc_msg_t &m)
-{
+void fake_daemon::answer_app_msg(const vk_ipc_msg_t &m) {
     tovrin_app_msg_t h;
-    if (m.len < TOVRIN_APP_HDR_LEN)
-        return;
+    if (m.len < TOVRIN_APP_HDR_LEN) return;
     std::memcpy(&h, m.payload, TOVRIN_APP_HDR_LEN);
     const std::string_view to = tovrinctl::endpoint_path(h.src_ep);
-    if (!(h.flags & TOVRIN_MSG_F_ACK_REQ) || to.empty())
-        return;
+    if (!(h.flags & TOVRIN_MSG_F_ACK_REQ) || to.empty()) return;
     outcome_t outcome;
     {
         std::lock_guard lock(mu_);
         outcome = outcome_;
     }
-    if (outcome == outcome_t::none)
-        return;
+    if (outcome == outcome_t::none) return;
     auto bytes = [](const tovrin_app_msg_t &x) {
         return std::span<const uint8_t>(reinterpret_cast<const uint8_t *>(&x), TOVRIN_APP_HDR_LEN);
     };
@@ -151,8 +128,7 @@ void fake_daemon::answer_app_msg(const vk_ipc_msg_t &m)
     other.flags |= TOVRIN_MSG_F_FAILED;
     ep_.send(to, TOVRIN_IPC_APP_MSG, kind, bytes(other));
 
-    if (outcome == outcome_t::failed)
-        h.flags |= TOVRIN_MSG_F_FAILED;
+    if (outcome == outcome_t::failed) h.flags |= TOVRIN_MSG_F_FAILED;
     ep_.send(to, TOVRIN_IPC_APP_MSG, kind, bytes(h));
 }
 

@@ -14,8 +14,7 @@
 namespace tovrinctl {
 namespace {
 
-tovrin_counters_t sample()
-{
+tovrin_counters_t sample() {
     tovrin_counters_t c{};
     c.version = TOVRIN_STATS_VERSION;
     c.size = sizeof c;
@@ -34,15 +33,13 @@ tovrin_counters_t sample()
     return c;
 }
 
-std::vector<uint8_t> bytes_of(const tovrin_counters_t &c)
-{
+std::vector<uint8_t> bytes_of(const tovrin_counters_t &c) {
     std::vector<uint8_t> b(sizeof c);
     std::memcpy(b.data(), &c, sizeof c);
     return b;
 }
 
-TEST(TovrinctlStats, RecordsOfAnotherLayoutAreRefused)
-{
+TEST(TovrinctlStats, RecordsOfAnotherLayoutAreRefused) {
     struct Case {
         const char *what;
         std::vector<uint8_t> payload;
@@ -74,8 +71,7 @@ TEST(TovrinctlStats, RecordsOfAnotherLayoutAreRefused)
     EXPECT_EQ(ok->refused[TOVRIN_REFUSED_BAD_MAGIC], 2u);
 }
 
-TEST(TovrinctlStats, JsonCarriesEveryDocumentedKey)
-{
+TEST(TovrinctlStats, JsonCarriesEveryDocumentedKey) {
     const std::string j = format_stats_json(sample());
     EXPECT_EQ(j.rfind("{\"link_state\":\"up\",\"controller\":\"198.18.0.1\",\"seconds_in_state\":42,"
                       "\"link_ups\":2,\"link_downs\":1,",
@@ -99,8 +95,7 @@ TEST(TovrinctlStats, JsonCarriesEveryDocumentedKey)
 }
 
 // Every sample has its family's HELP and TYPE before it; counters end in _total.
-TEST(TovrinctlStats, PrometheusFamiliesAreDeclaredAndNamed)
-{
+TEST(TovrinctlStats, PrometheusFamiliesAreDeclaredAndNamed) {
     std::istringstream in(format_stats_prometheus(sample()));
     std::set<std::string> helped, counters, gauges;
     std::string line;

@@ -24,15 +24,13 @@ protected:
     ipc_root root;
 };
 
-uint32_t header_word(const std::vector<uint8_t> &p, std::size_t at)
-{
+uint32_t header_word(const std::vector<uint8_t> &p, std::size_t at) {
     uint32_t v = 0;
     std::memcpy(&v, p.data() + at, 4);
     return v;
 }
 
-TEST_F(TovrinctlEndpoint, SendWithAckPrintsTheOutcomeAnsweredAtTheTablePath)
-{
+TEST_F(TovrinctlEndpoint, SendWithAckPrintsTheOutcomeAnsweredAtTheTablePath) {
     fake_daemon daemon;
     ASSERT_TRUE(daemon.is_open());
     struct outcome_case {
@@ -45,8 +43,7 @@ TEST_F(TovrinctlEndpoint, SendWithAckPrintsTheOutcomeAnsweredAtTheTablePath)
     const std::vector<outcome_case> cases = {
         {outcome_t::delivered, {"send", "200", "--ack", "--id", "7", "hello"}, 0, "delivered\n", 0x100},
         {outcome_t::failed, {"send", "200", "--ack", "--id", "8", "hello"}, 1, "failed\n", 0x100},
-        {outcome_t::delivered, {"send", "200", "--sync", "--from", "102", "--id", "9", "x"}, 0,
-         "delivered\n", 0x300},
+        {outcome_t::delivered, {"send", "200", "--sync", "--from", "102", "--id", "9", "x"}, 0, "delivered\n", 0x300},
         {outcome_t::failed, {"send", "200", "--sync", "--from", "109", "x"}, 1, "failed\n", 0x300},
         // An answer of the wrong kind is not the awaited one.
         {outcome_t::wrong_kind, {"--timeout", "400", "send", "200", "--ack", "x"}, 1, "", 0x100},
@@ -57,13 +54,12 @@ TEST_F(TovrinctlEndpoint, SendWithAckPrintsTheOutcomeAnsweredAtTheTablePath)
         const std::size_t before = daemon.received().size();
         const transcript_t t = run_ctl(c.argv);
         std::string shown;
-        for (const std::string &a : c.argv)
-            shown += a + " ";
+        for (const std::string &a : c.argv) shown += a + " ";
         EXPECT_EQ(t.status, c.status) << shown << t.err;
         EXPECT_EQ(t.out, c.out) << shown << t.err;
         if (c.outcome == outcome_t::wrong_kind) {
-            EXPECT_NE(t.err.find("no answer from " + root.file("/vk/ipc/tovrin") + " within 400 ms"),
-                      std::string::npos) << shown << t.err;
+            EXPECT_NE(t.err.find("no answer from " + root.file("/vk/ipc/tovrin") + " within 400 ms"), std::string::npos)
+                << shown << t.err;
         }
         const auto got = daemon.received(before + 1);
         ASSERT_EQ(got.size(), before + 1) << shown;
@@ -76,8 +72,7 @@ TEST_F(TovrinctlEndpoint, SendWithAckPrintsTheOutcomeAnsweredAtTheTablePath)
         EXPECT_FALSE(std::filesystem::exists(root.file(path))) << path;
 }
 
-TEST_F(TovrinctlEndpoint, SendWithAckRefusesAnEndpointAnotherProcessHolds)
-{
+TEST_F(TovrinctlEndpoint, SendWithAckRefusesAnEndpointAnotherProcessHolds) {
     fake_daemon daemon;
     ASSERT_TRUE(daemon.is_open());
     test_endpoint busy("/vk/ipc/gelvar");
@@ -96,8 +91,7 @@ TEST_F(TovrinctlEndpoint, SendWithAckRefusesAnEndpointAnotherProcessHolds)
     EXPECT_EQ(got[0].payload.back(), 'y');
 }
 
-TEST_F(TovrinctlEndpoint, SendRefusesDataThatDoesNotFitOneMessage)
-{
+TEST_F(TovrinctlEndpoint, SendRefusesDataThatDoesNotFitOneMessage) {
     fake_daemon daemon;
     ASSERT_TRUE(daemon.is_open());
     const std::string most = root.dir() + "/most.bin", over = root.dir() + "/over.bin";
@@ -125,34 +119,28 @@ TEST_F(TovrinctlEndpoint, SendRefusesDataThatDoesNotFitOneMessage)
 }
 
 // Sends to a listening tovrinctl, retrying while it is still binding its endpoint.
-bool send_when_bound(test_endpoint &from, const std::string &to, const std::vector<uint8_t> &payload)
-{
+bool send_when_bound(test_endpoint &from, const std::string &to, const std::vector<uint8_t> &payload) {
     const auto deadline = std::chrono::steady_clock::now() + 5s;
     while (from.send(to, 123, 0x1, payload) != 0) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
+        if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(10ms);
     }
     return true;
 }
 
 // A 32-bit word of an IPC payload, in host order.
-std::string host_word(uint32_t v)
-{
+std::string host_word(uint32_t v) {
     const auto b = host_order::b32(v);
     return std::string(b.begin(), b.end());
 }
 
-std::vector<uint8_t> app(int32_t src, uint32_t id, uint32_t flags, int32_t dst, const std::string &data)
-{
-    return tovrinctl::encode_app_msg(
-               {src, "", id, flags, dst},
-               {reinterpret_cast<const uint8_t *>(data.data()), data.size()})
+std::vector<uint8_t> app(int32_t src, uint32_t id, uint32_t flags, int32_t dst, const std::string &data) {
+    return tovrinctl::encode_app_msg({src, "", id, flags, dst},
+                                     {reinterpret_cast<const uint8_t *>(data.data()), data.size()})
         .value();
 }
 
-TEST_F(TovrinctlEndpoint, ListenPrintsEachMessageAsItArrives)
-{
+TEST_F(TovrinctlEndpoint, ListenPrintsEachMessageAsItArrives) {
     test_endpoint daemon("/vk/ipc/tovrin");
     ASSERT_TRUE(daemon.is_open());
     ctl_child listen({"listen", "105", "--count", "3"});
@@ -170,8 +158,7 @@ TEST_F(TovrinctlEndpoint, ListenPrintsEachMessageAsItArrives)
     EXPECT_FALSE(std::filesystem::exists(root.file("/vk/ipc/prindal")));
 }
 
-TEST_F(TovrinctlEndpoint, ListenGivesUpWhenNothingArrivesInTime)
-{
+TEST_F(TovrinctlEndpoint, ListenGivesUpWhenNothingArrivesInTime) {
     const auto start = std::chrono::steady_clock::now();
     const transcript_t t = run_ctl({"listen", "106", "--timeout", "1"});
     EXPECT_EQ(t.status, 1);
@@ -191,8 +178,7 @@ TEST_F(TovrinctlEndpoint, ListenGivesUpWhenNothingArrivesInTime)
     EXPECT_EQ(listen.finish().status, 1);
 }
 
-TEST_F(TovrinctlEndpoint, ListenStopsCleanlyOnSigintAndSigterm)
-{
+TEST_F(TovrinctlEndpoint, ListenStopsCleanlyOnSigintAndSigterm) {
     test_endpoint daemon("/vk/ipc/tovrin");
     ASSERT_TRUE(daemon.is_open());
     for (int sig : {SIGINT, SIGTERM}) {
@@ -206,8 +192,7 @@ TEST_F(TovrinctlEndpoint, ListenStopsCleanlyOnSigintAndSigterm)
     }
 }
 
-TEST_F(TovrinctlEndpoint, ListenRefusesAnEndpointAnotherProcessHolds)
-{
+TEST_F(TovrinctlEndpoint, ListenRefusesAnEndpointAnotherProcessHolds) {
     test_endpoint busy("/vk/ipc/sorvek");
     ASSERT_TRUE(busy.is_open());
     const transcript_t t = run_ctl({"listen", "108", "--timeout", "1"});

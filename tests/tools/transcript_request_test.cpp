@@ -13,41 +13,44 @@
 namespace ctltest {
 namespace {
 
+using host_order::h32;
 using tovrinctl::parse_hex;
 using tovrinctl::to_hex;
-using host_order::h32;
 
 class TovrinctlTranscript : public ::testing::Test {
 protected:
     // Endpoint files tovrinctl left in the IPC directory (its own temporary ones).
-    std::vector<std::string> leftovers() const
-    {
+    std::vector<std::string> leftovers() const {
         std::vector<std::string> names;
         std::error_code ec;
         for (const auto &e : std::filesystem::directory_iterator(root.dir() + "/vk/ipc", ec))
-            if (e.path().filename().string().starts_with("tovrinctl-"))
-                names.push_back(e.path().filename().string());
+            if (e.path().filename().string().starts_with("tovrinctl-")) names.push_back(e.path().filename().string());
         return names;
     }
     ipc_root root;
 };
 
-std::string joined(const std::vector<std::string> &argv)
-{
+std::string joined(const std::vector<std::string> &argv) {
     std::string s;
-    for (const std::string &a : argv)
-        s += a + " ";
+    for (const std::string &a : argv) s += a + " ";
     return s;
 }
 
-TEST_F(TovrinctlTranscript, WithoutADaemonEveryCommandNamesThePathItCannotReach)
-{
+TEST_F(TovrinctlTranscript, WithoutADaemonEveryCommandNamesThePathItCannotReach) {
     const std::string daemon = root.file("/vk/ipc/tovrin");
     const std::vector<std::vector<std::string>> commands = {
-        {"status"}, {"log", "get"}, {"log", "set", "level", "4"}, {"dump"},
-        {"key", "00112233445566778899aabbccddeeff"}, {"encrypt", "1"},
-        {"controller", "10.0.0.1"}, {"karate", "7", "3000"}, {"notify", "124"},
-        {"request", "28"}, {"send", "200", "x"}, {"send", "200", "--ack", "x"},
+        {"status"},
+        {"log", "get"},
+        {"log", "set", "level", "4"},
+        {"dump"},
+        {"key", "00112233445566778899aabbccddeeff"},
+        {"encrypt", "1"},
+        {"controller", "10.0.0.1"},
+        {"karate", "7", "3000"},
+        {"notify", "124"},
+        {"request", "28"},
+        {"send", "200", "x"},
+        {"send", "200", "--ack", "x"},
     };
     for (const auto &argv : commands) {
         const transcript_t t = run_ctl(argv);
@@ -57,22 +60,19 @@ TEST_F(TovrinctlTranscript, WithoutADaemonEveryCommandNamesThePathItCannotReach)
     }
     const transcript_t other = run_ctl({"--path", "/vk/ipc/elsewhere", "status"});
     EXPECT_EQ(other.status, 1);
-    EXPECT_TRUE(other.err.starts_with("tovrinctl: cannot reach " + root.file("/vk/ipc/elsewhere") + ": "))
-        << other.err;
+    EXPECT_TRUE(other.err.starts_with("tovrinctl: cannot reach " + root.file("/vk/ipc/elsewhere") + ": ")) << other.err;
     EXPECT_EQ(leftovers(), std::vector<std::string>{});
     EXPECT_FALSE(std::filesystem::exists(root.file("/vk/ipc/gelvar")));
 }
 
-TEST_F(TovrinctlTranscript, SilentDaemonGivesNoAnswerAfterTheTimeout)
-{
+TEST_F(TovrinctlTranscript, SilentDaemonGivesNoAnswerAfterTheTimeout) {
     fake_daemon daemon;  // answers no request and no application message
     ASSERT_TRUE(daemon.is_open());
     daemon.set_outcome(outcome_t::none);
-    const std::string expected =
-        "tovrinctl: no answer from " + root.file("/vk/ipc/tovrin") + " within 300 ms\n";
-    for (const auto &argv : std::vector<std::vector<std::string>>{
-             {"--timeout", "300", "status"}, {"dump", "--timeout", "300"},
-             {"--timeout", "300", "send", "200", "--ack", "x"}}) {
+    const std::string expected = "tovrinctl: no answer from " + root.file("/vk/ipc/tovrin") + " within 300 ms\n";
+    for (const auto &argv : std::vector<std::vector<std::string>>{{"--timeout", "300", "status"},
+                                                                  {"dump", "--timeout", "300"},
+                                                                  {"--timeout", "300", "send", "200", "--ack", "x"}}) {
         const auto start = std::chrono::steady_clock::now();
         const transcript_t t = run_ctl(argv);
         const auto took = std::chrono::steady_clock::now() - start;
@@ -93,8 +93,7 @@ TEST_F(TovrinctlTranscript, SilentDaemonGivesNoAnswerAfterTheTimeout)
     EXPECT_EQ(leftovers(), std::vector<std::string>{});
 }
 
-TEST_F(TovrinctlTranscript, StatusAndLogConfigurationArePrinted)
-{
+TEST_F(TovrinctlTranscript, StatusAndLogConfigurationArePrinted) {
     fake_daemon daemon;
     ASSERT_TRUE(daemon.is_open());
     daemon.answer(120, parse_hex("00000000" + h32(0)).value());
@@ -121,8 +120,7 @@ TEST_F(TovrinctlTranscript, StatusAndLogConfigurationArePrinted)
     EXPECT_EQ(leftovers(), std::vector<std::string>{});
 }
 
-TEST_F(TovrinctlTranscript, LogSetChangesOnlyTheGivenWords)
-{
+TEST_F(TovrinctlTranscript, LogSetChangesOnlyTheGivenWords) {
     fake_daemon daemon;
     ASSERT_TRUE(daemon.is_open());
     // Words 1 and 4 are not the library's defaults: they must come back as they were.
@@ -134,11 +132,14 @@ TEST_F(TovrinctlTranscript, LogSetChangesOnlyTheGivenWords)
     };
     const std::vector<log_case> cases = {
         {{"log", "set", "level", "4", "echo", "1"},
-         h32(1) + h32(7) + h32(4) + h32(1) + h32(9) + h32(1048576), "level 4 echo 1 max 1048576\n"},
+         h32(1) + h32(7) + h32(4) + h32(1) + h32(9) + h32(1048576),
+         "level 4 echo 1 max 1048576\n"},
         {{"log", "set", "max", "2048"},
-         h32(1) + h32(7) + h32(3) + h32(0) + h32(9) + h32(2048), "level 3 echo 0 max 2048\n"},
+         h32(1) + h32(7) + h32(3) + h32(0) + h32(9) + h32(2048),
+         "level 3 echo 0 max 2048\n"},
         {{"log", "set", "level", "-1", "max", "4294967295"},
-         h32(1) + h32(7) + "ffffffff" + h32(0) + h32(9) + "ffffffff", "level -1 echo 0 max 4294967295\n"},
+         h32(1) + h32(7) + "ffffffff" + h32(0) + h32(9) + "ffffffff",
+         "level -1 echo 0 max 4294967295\n"},
     };
     for (const log_case &c : cases) {
         const std::size_t before = daemon.received().size();
@@ -155,8 +156,7 @@ TEST_F(TovrinctlTranscript, LogSetChangesOnlyTheGivenWords)
     }
 }
 
-TEST_F(TovrinctlTranscript, NotificationsCarryTheirPayloadBytes)
-{
+TEST_F(TovrinctlTranscript, NotificationsCarryTheirPayloadBytes) {
     fake_daemon daemon;
     ASSERT_TRUE(daemon.is_open());
     struct note_case {
@@ -166,8 +166,7 @@ TEST_F(TovrinctlTranscript, NotificationsCarryTheirPayloadBytes)
         std::string err_part;  // "" when stderr must stay empty
     };
     const std::vector<note_case> cases = {
-        {{"key", "00112233445566778899AABBCCDDEEFF"}, 180,
-         h32(16) + "00112233445566778899aabbccddeeff", ""},
+        {{"key", "00112233445566778899AABBCCDDEEFF"}, 180, h32(16) + "00112233445566778899aabbccddeeff", ""},
         {{"key", "aabbcc"}, 180, h32(3) + "aabbcc", "tovrinctl: warning: the key is 3 bytes"},
         {{"encrypt", "1"}, 181, h32(1), ""},
         {{"encrypt", "-2"}, 181, h32(0xfffffffe), ""},
@@ -176,9 +175,9 @@ TEST_F(TovrinctlTranscript, NotificationsCarryTheirPayloadBytes)
         {{"karate", "7", "0"}, 121, h32(7) + h32(0), ""},
         {{"notify", "124"}, 124, "", ""},
         {{"notify", "16", "0BADF00D"}, 16, "0badf00d", ""},
-        {{"send", "200", "--id", "5", "--name", "probe", "hi"}, 122,
-         h32(101) + "70726f6265" + std::string(118, '0') + h32(5) + h32(0) + h32(200) + h32(2) +
-             "6869",
+        {{"send", "200", "--id", "5", "--name", "probe", "hi"},
+         122,
+         h32(101) + "70726f6265" + std::string(118, '0') + h32(5) + h32(0) + h32(200) + h32(2) + "6869",
          ""},
     };
     for (const note_case &c : cases) {
@@ -200,8 +199,7 @@ TEST_F(TovrinctlTranscript, NotificationsCarryTheirPayloadBytes)
     EXPECT_EQ(leftovers(), std::vector<std::string>{});
 }
 
-TEST_F(TovrinctlTranscript, RawRequestAndDumpWaitForTheResponse)
-{
+TEST_F(TovrinctlTranscript, RawRequestAndDumpWaitForTheResponse) {
     fake_daemon daemon;
     ASSERT_TRUE(daemon.is_open());
     daemon.answer(68, {});
@@ -225,8 +223,7 @@ TEST_F(TovrinctlTranscript, RawRequestAndDumpWaitForTheResponse)
     EXPECT_EQ(got[2].payload.size(), 0u);
 }
 
-TEST_F(TovrinctlTranscript, PathOptionAddressesAnotherEndpoint)
-{
+TEST_F(TovrinctlTranscript, PathOptionAddressesAnotherEndpoint) {
     fake_daemon other("/vk/ipc/second");
     ASSERT_TRUE(other.is_open());
     other.answer(120, parse_hex("0a000009" + h32(1)).value());
@@ -236,8 +233,7 @@ TEST_F(TovrinctlTranscript, PathOptionAddressesAnotherEndpoint)
     EXPECT_EQ(run_ctl({"status"}).status, 1);  // nothing at the default path
 }
 
-TEST_F(TovrinctlTranscript, HelpAndUsageErrors)
-{
+TEST_F(TovrinctlTranscript, HelpAndUsageErrors) {
     transcript_t t = run_ctl({"--help"});
     EXPECT_EQ(t.status, 0);
     EXPECT_TRUE(t.out.starts_with("Usage: tovrinctl")) << t.out;

@@ -41,8 +41,8 @@ TEST(TovrinPcapCapture, FilesAreReadWholeOrStopWithAReason) {
     struct {
         const char *name;
         tbytes file;
-        int dlt;          // expected link type (when read at all)
-        int frames;       // frames passed on
+        int dlt;            // expected link type (when read at all)
+        int frames;         // frames passed on
         const char *error;  // "" for a good file, else part of the reason
     } cases[] = {
         {"pcap, Ethernet", good, DLT_EN10MB, 2, ""},
@@ -50,11 +50,13 @@ TEST(TovrinPcapCapture, FilesAreReadWholeOrStopWithAReason) {
         {"pcapng, Linux cooked v2", pcapng_file(276, framed(sll2)), DLT_LINUX_SLL2, 2, ""},
         {"pcapng, Ethernet", pcapng_file(1, framed(ethernet)), DLT_EN10MB, 2, ""},
         {"last frame cut short", tbytes(good.begin(), good.end() - 5), DLT_EN10MB, 1, "truncated"},
-        {"last record header cut short", [&] {
+        {"last record header cut short",
+         [&] {
              tbytes one = pcap_file(1, {framed(ethernet)[0]});
              one.insert(one.end(), {0, 0, 0, 0, 0, 0});
              return one;
-         }(), DLT_EN10MB, 1, "truncated"},
+         }(),
+         DLT_EN10MB, 1, "truncated"},
         {"not a capture", hex_bytes("48656c6c6f2c20776f726c64210a0a0a0a0a0a0a0a0a0a0a0a0a0a0a0a0a"), -1, 0, "format"},
         {"empty file", {}, -1, 0, "truncated"},
     };

@@ -119,11 +119,17 @@ TEST(TovrinPcapDecoder, MessagesAndTheirCounts) {
          {"DRAV->AP msg ap_trans=1 ctlr_trans=7 src=201 dst=101 enc size=64 len=6 md5=ok acked data=\"secret\"",
           "messages=1 up=0 down=1 plain=0 enc=1 md5_ok=1 md5_bad=0 unchecked=0 "}},
         {"without the key the digest is not checked and no data shown",
-         down(secret), {}, {"enc size=64 len=6 md5=unchecked unacked\n", "unchecked=1 ", "acks_missing=1 "}},
+         down(secret),
+         {},
+         {"enc size=64 len=6 md5=unchecked unacked\n", "unchecked=1 ", "acks_missing=1 "}},
         {"with another key the digest fails",
-         down(secret), hex_bytes("0f0e0d0c0b0a09080706050403020100"), {"md5=bad unacked\n", "md5_bad=1 "}},
+         down(secret),
+         hex_bytes("0f0e0d0c0b0a09080706050403020100"),
+         {"md5=bad unacked\n", "md5_bad=1 "}},
         {"the AP's acknowledgement alone tells the direction",
-         up({ack(0x08, 0, 7, 0)}) + down(secret), KEY, {"DRAV->AP msg", "acks_unmatched=1 "}},
+         up({ack(0x08, 0, 7, 0)}) + down(secret),
+         KEY,
+         {"DRAV->AP msg", "acks_unmatched=1 "}},
         {"a retransmission of a message already seen whole is one message sent twice",
          up({REG_REQ}) + up(hello) + up(hello_again) + down({ack(0x0a, 0, 0, 1)}),
          {},
@@ -132,33 +138,47 @@ TEST(TovrinPcapDecoder, MessagesAndTheirCounts) {
         {"a fragment lost in the first transmission, the retransmission completes it",
          up({REG_REQ}) + up(without(long_up, 1)) + up(long_up_again) + down({ack(0x08, 2, 0, 2)}),
          {},
-         {"plain size=2512 len=2500 frags=3 transmissions=2 acked", "messages=1 ", "retransmissions=1 acks_missing=0 frags_lost=1 "
-                                                                  "incomplete=0 "}},
+         {"plain size=2512 len=2500 frags=3 transmissions=2 acked", "messages=1 ",
+          "retransmissions=1 acks_missing=0 frags_lost=1 "
+          "incomplete=0 "}},
         {"a message never completed: its missing fragment and the message are counted",
-         up({REG_REQ}) + up(without(long_up, 1)), {}, {"# summary messages=0 ", "frags_lost=1 incomplete=1 "}},
+         up({REG_REQ}) + up(without(long_up, 1)),
+         {},
+         {"# summary messages=0 ", "frags_lost=1 incomplete=1 "}},
         {"a last fragment lost: the length field tells how many were due",
-         up({REG_REQ}) + up(without(long_up, 2)), {}, {"# summary messages=0 ", "frags_lost=1 incomplete=1 "}},
+         up({REG_REQ}) + up(without(long_up, 2)),
+         {},
+         {"# summary messages=0 ", "frags_lost=1 incomplete=1 "}},
         {"the first fragment lost: counted up to the last fragment seen",
-         up({REG_REQ}) + up(without(long_up, 0)), {}, {"# summary messages=0 ", "frags_lost=1 incomplete=1 "}},
+         up({REG_REQ}) + up(without(long_up, 0)),
+         {},
+         {"# summary messages=0 ", "frags_lost=1 incomplete=1 "}},
         {"a new first fragment under a number used before is a new message",
-         up({REG_REQ}) + up(hello) + up(hello), {}, {"messages=2 ", "retransmissions=0 acks_missing=2 "}},
+         up({REG_REQ}) + up(hello) + up(hello),
+         {},
+         {"messages=2 ", "retransmissions=0 acks_missing=2 "}},
         {"an acknowledgement of another number matches nothing",
-         up({REG_REQ}) + up(hello) + down({ack(0x08, 0, 0, 9)}), {}, {"unacked", "acks_missing=1 ",
-                                                                      "acks_unmatched=1 "}},
+         up({REG_REQ}) + up(hello) + down({ack(0x08, 0, 0, 9)}),
+         {},
+         {"unacked", "acks_missing=1 ", "acks_unmatched=1 "}},
         {"malformed datagrams are counted and read no further",
-         up({REG_REQ, [] {
+         up({REG_REQ,
+             [] {
                  dsim_bytes b = REG_REQ;
                  b[0] = 2;
                  return b;
-             }(), dsim_bytes(5, 1)}),
-         {}, {"datagrams=3 malformed=2 ctrl=1 "}},
+             }(),
+             dsim_bytes(5, 1)}),
+         {},
+         {"datagrams=3 malformed=2 ctrl=1 "}},
         {"a message over 16384 bytes is not opened",
          [] {
              dsim_bytes big = plain(std::string(16372, 'b'));
              big.resize(17 * 1024, 'b');  // 17 fragments; the length field no longer matches either
              return up({REG_REQ}) + up(dsim_fragment(big, 0, 3, false));
          }(),
-         {}, {"bad size=17408 frags=17 unacked bad=\"message of 17408 bytes exceeds 16384\"", "bad=1 "}},
+         {},
+         {"bad size=17408 frags=17 unacked bad=\"message of 17408 bytes exceeds 16384\"", "bad=1 "}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);

@@ -118,4 +118,3 @@ tbytes pcapng_file(uint16_t linktype, const std::vector<tbytes> &frames) {
     }
     return b;
 }
-

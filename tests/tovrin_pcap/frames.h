@@ -13,8 +13,7 @@ inline tbytes hex_bytes(const std::string &hex) { return bytes_of_hex(hex); }  /
 inline std::string hex_str(const tbytes &b) { return hex_of(b); }
 
 // IPv4 (no options) carrying UDP from src to dst, both port 6650 unless given.
-tbytes ipv4_udp(uint32_t src, uint32_t dst, const tbytes &payload, uint16_t sport = 6650,
-                uint16_t dport = 6650);
+tbytes ipv4_udp(uint32_t src, uint32_t dst, const tbytes &payload, uint16_t sport = 6650, uint16_t dport = 6650);
 tbytes ethernet(const tbytes &ip, uint16_t ethertype = 0x0800);
 tbytes sll(const tbytes &ip, uint16_t proto = 0x0800);
 tbytes sll2(const tbytes &ip, uint16_t proto = 0x0800);

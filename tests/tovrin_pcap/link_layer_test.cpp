@@ -82,11 +82,13 @@ TEST(TovrinPcapLinkLayer, ForeignMalformedAndCutFramesAreToldApart) {
         {"first IPv4 fragment (more fragments)", DLT_RAW, ip_with(6, 0x20), st::bad, "IPv4 fragment"},
         {"later IPv4 fragment (offset)", DLT_RAW, ip_with(7, 0x01), st::bad, "IPv4 fragment"},
         {"cut short by the snap length", DLT_RAW, first(ip, 30), st::bad, "cut short by the capture: 30 of 40"},
-        {"UDP header of 7 bytes", DLT_RAW, [] {
+        {"UDP header of 7 bytes", DLT_RAW,
+         [] {
              tbytes b = first(ipv4_udp(AP, CTL, ACK), 27);
              b[3] = 27;
              return b;
-         }(), st::bad, "UDP header cut short"},
+         }(),
+         st::bad, "UDP header cut short"},
         {"UDP length 7", DLT_RAW, ip_with(25, 7), st::bad, "UDP length 7"},
         {"UDP length beyond the IPv4 packet", DLT_RAW, ip_with(25, 21), st::bad, "UDP length 21"},
     };

@@ -4,16 +4,13 @@
 #include <cstring>
 
 std::string dsim_frame_check(std::span<const uint8_t> dgram, dsim_frame &out) {
-    if (dgram.size() < TOVRIN_HDR_LEN)
-        return "short datagram " + std::to_string(dgram.size()) + " bytes";
+    if (dgram.size() < TOVRIN_HDR_LEN) return "short datagram " + std::to_string(dgram.size()) + " bytes";
     tovrin_hdr_t h = tovrin_hdr_decode(dgram.first<TOVRIN_HDR_LEN>());
     if (h.hdr_len != TOVRIN_HDR_LEN) return "hdr_len " + std::to_string(h.hdr_len) + " not 12";
     std::size_t avail = dgram.size() - TOVRIN_HDR_LEN;
     if (avail != h.data_len)
-        return "data_len " + std::to_string(h.data_len) + " but " + std::to_string(avail) +
-               " payload bytes";
-    if (h.data_len > TOVRIN_FRAG_SIZE)
-        return "data_len " + std::to_string(h.data_len) + " above 1024";
+        return "data_len " + std::to_string(h.data_len) + " but " + std::to_string(avail) + " payload bytes";
+    if (h.data_len > TOVRIN_FRAG_SIZE) return "data_len " + std::to_string(h.data_len) + " above 1024";
     if (h.version != TOVRIN_VERSION) return "version " + std::to_string(h.version);
     if (h.magic != TOVRIN_MAGIC) {
         char m[16];
@@ -26,21 +23,21 @@ std::string dsim_frame_check(std::span<const uint8_t> dgram, dsim_frame &out) {
 }
 
 std::string dsim_req_decode(std::span<const uint8_t> p, dsim_ap_req &out) {
-    if (p.size() < TOVRIN_CTRL_HDR_LEN)
-        return "control payload of " + std::to_string(p.size()) + " bytes";
+    if (p.size() < TOVRIN_CTRL_HDR_LEN) return "control payload of " + std::to_string(p.size()) + " bytes";
     out = dsim_ap_req{};
     out.type = p[0];
     out.len = tovrin_load16(&p[2]);
     std::size_t min = 0;
-    if (out.type == TOVRIN_CTRL_REGISTER) min = TOVRIN_REG_LEN;
-    else if (out.type == TOVRIN_CTRL_KEEPALIVE) min = TOVRIN_KA_LEN;
-    else return "not a request";
-    if (out.len < min)
-        return "length field " + std::to_string(out.len) + " below " + std::to_string(min);
+    if (out.type == TOVRIN_CTRL_REGISTER)
+        min = TOVRIN_REG_LEN;
+    else if (out.type == TOVRIN_CTRL_KEEPALIVE)
+        min = TOVRIN_KA_LEN;
+    else
+        return "not a request";
+    if (out.len < min) return "length field " + std::to_string(out.len) + " below " + std::to_string(min);
     // The fields read below must lie inside what was received.
     if (p.size() < out.len)
-        return "length field " + std::to_string(out.len) + " beyond " + std::to_string(p.size()) +
-               " bytes received";
+        return "length field " + std::to_string(out.len) + " beyond " + std::to_string(p.size()) + " bytes received";
     std::memcpy(out.serial.data(), &p[4], 16);
     out.uptime = tovrin_load32(&p[20]);
     std::memcpy(out.mac.data(), &p[24], 6);

@@ -51,11 +51,13 @@ bool cmd_send(dsim_engine &e, std::istringstream &in) {
     std::string w;
     for (;;) {
         if (!(in >> w)) return false;
-        if (w == "--enc") enc = true;
+        if (w == "--enc")
+            enc = true;
         else if (w == "--count") {
             std::string n;
             if (!(in >> n) || !parse_num(n, 1000000, count) || count == 0) return false;
-        } else break;
+        } else
+            break;
     }
     std::string d;
     if (!parse_num(w, 0xffffffff, src) || !(in >> d) || !parse_num(d, 0xffffffff, dst)) return false;
@@ -78,8 +80,7 @@ bool cmd_send(dsim_engine &e, std::istringstream &in) {
     } else {
         data.assign(rest.begin(), rest.end());
     }
-    dsim_engine_send(e, enc, static_cast<uint32_t>(src), static_cast<uint32_t>(dst), data,
-                     static_cast<long>(count));
+    dsim_engine_send(e, enc, static_cast<uint32_t>(src), static_cast<uint32_t>(dst), data, static_cast<long>(count));
     return true;
 }
 
@@ -96,8 +97,7 @@ bool cmd_dravip(dsim_engine &e, const std::string &arg) {
 
 bool cmd_key(dsim_engine &e, const std::string &arg) {
     dsim_bytes k;
-    if (!dsim_parse_hex(arg, k) || (k.size() != 16 && k.size() != 24 && k.size() != 32))
-        return false;
+    if (!dsim_parse_hex(arg, k) || (k.size() != 16 && k.size() != 24 && k.size() != 32)) return false;
     e.key = std::move(k);
     note(e, "key set, " + std::to_string(e.key.size()) + " bytes");
     return true;

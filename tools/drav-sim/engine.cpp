@@ -10,8 +10,7 @@
 void dsim_engine_init(dsim_engine &e) { e.rng.seed(e.cfg.seed); }
 
 void dsim_print(dsim_engine &e, dsim_line kind, const std::string &body) {
-    if ((kind == dsim_line::dgram && e.cfg.quiet > 0) || (kind == dsim_line::event && e.cfg.quiet > 1))
-        return;
+    if ((kind == dsim_line::dgram && e.cfg.quiet > 0) || (kind == dsim_line::event && e.cfg.quiet > 1)) return;
     std::fprintf(e.out, "%8.3f %s\n", e.now, body.c_str());
     std::fflush(e.out);
 }
@@ -111,13 +110,10 @@ void on_ack(dsim_engine &e, const std::string &head, const dsim_frame &f) {
     int tries = 0;
     double rtt = 0;
     switch (dsim_sender_ack(e.tx, f.hdr.ctlr_trans, e.now, tries, rtt)) {
-    case dsim_ack_match::idle:
-        dsim_print(e, dsim_line::dgram, head + " ACK unexpected idle");
-        return;
+    case dsim_ack_match::idle: dsim_print(e, dsim_line::dgram, head + " ACK unexpected idle"); return;
     case dsim_ack_match::other:
         dsim_print(e, dsim_line::dgram,
-                   head + " ACK unexpected expected_ctlr_trans=" +
-                       std::to_string(e.tx.queue.front().ctlr_trans));
+                   head + " ACK unexpected expected_ctlr_trans=" + std::to_string(e.tx.queue.front().ctlr_trans));
         return;
     case dsim_ack_match::matched: break;
     }
@@ -126,8 +122,7 @@ void on_ack(dsim_engine &e, const std::string &head, const dsim_frame &f) {
     char r[32];
     std::snprintf(r, sizeof r, " rtt=%.3f", rtt);
     dsim_print(e, dsim_line::event,
-               "* ACKED ctlr_trans=" + std::to_string(f.hdr.ctlr_trans) + " tries=" +
-                   std::to_string(tries) + r);
+               "* ACKED ctlr_trans=" + std::to_string(f.hdr.ctlr_trans) + " tries=" + std::to_string(tries) + r);
     pump(e);
 }
 
@@ -193,8 +188,7 @@ void dsim_engine_datagram(dsim_engine &e, const sockaddr_in &from, std::span<con
         return;
     }
     head += " " + dsim_fmt_hdr(f.hdr);
-    bool is_reg = (f.hdr.flags & TOVRIN_F_CTRL) && !f.payload.empty() &&
-                  f.payload[0] == TOVRIN_CTRL_REGISTER;
+    bool is_reg = (f.hdr.flags & TOVRIN_F_CTRL) && !f.payload.empty() && f.payload[0] == TOVRIN_CTRL_REGISTER;
     if (!e.have_peer || (is_reg && !e.peer_fixed && !same_addr(from, e.peer))) {
         // A registration names the AP anew: it may have restarted elsewhere.
         e.have_peer = true;
@@ -205,16 +199,18 @@ void dsim_engine_datagram(dsim_engine &e, const sockaddr_in &from, std::span<con
         dsim_print(e, dsim_line::event, head + " BAD not from the AP " + dsim_fmt_addr(e.peer));
         return;
     }
-    if (f.hdr.flags & TOVRIN_F_CTRL) on_ctrl(e, from, head, f);
-    else if (f.hdr.flags & TOVRIN_F_ACK) on_ack(e, head, f);
-    else on_data(e, from, head, f);
+    if (f.hdr.flags & TOVRIN_F_CTRL)
+        on_ctrl(e, from, head, f);
+    else if (f.hdr.flags & TOVRIN_F_ACK)
+        on_ack(e, head, f);
+    else
+        on_data(e, from, head, f);
     pump(e);
 }
 
 void dsim_engine_tick(dsim_engine &e) { pump(e); }
 
-void dsim_engine_send(dsim_engine &e, bool enc, uint32_t src, uint32_t dst,
-                      std::span<const uint8_t> data, long count) {
+void dsim_engine_send(dsim_engine &e, bool enc, uint32_t src, uint32_t dst, std::span<const uint8_t> data, long count) {
     for (long i = 0; i < count; ++i) {
         dsim_out_msg m;
         m.enc = enc;
@@ -238,9 +234,9 @@ void dsim_engine_send(dsim_engine &e, bool enc, uint32_t src, uint32_t dst,
             return;
         }
         m.ctlr_trans = dsim_sender_number(e.tx);
-        std::string s = "* QUEUE ctlr_trans=" + std::to_string(m.ctlr_trans) +
-                        " type=" + (enc ? "enc" : "plain") + " src=" + std::to_string(src) +
-                        " dst=" + std::to_string(dst) + " len=" + std::to_string(data.size()) +
+        std::string s = "* QUEUE ctlr_trans=" + std::to_string(m.ctlr_trans) + " type=" + (enc ? "enc" : "plain") +
+                        " src=" + std::to_string(src) + " dst=" + std::to_string(dst) +
+                        " len=" + std::to_string(data.size()) +
                         " frags=" + std::to_string(dsim_frag_count(m.payload.size()));
         dsim_sender_queue(e.tx, std::move(m));
         s += " queued=" + std::to_string(e.tx.queue.size());
@@ -257,8 +253,8 @@ void dsim_engine_summary(dsim_engine &e) {
                   "ka_answered=%ld msgs_in=%ld msgs_plain=%ld msgs_enc=%ld md5_bad=%ld msgs_bad=%ld "
                   "frags_refused=%ld msgs_sent=%ld msgs_acked=%ld msgs_given_up=%ld msgs_queued=%zu "
                   "dropped_in=%ld dropped_out=%ld",
-                  s.dgrams_in, s.dgrams_out, s.bad_dgrams, s.reg_answered, s.ka_answered, s.msgs_in,
-                  s.msgs_plain, s.msgs_enc, s.md5_bad, s.msgs_bad, s.frags_refused, s.msgs_sent,
-                  s.msgs_acked, s.msgs_given_up, e.tx.queue.size(), s.dropped_in, s.dropped_out);
+                  s.dgrams_in, s.dgrams_out, s.bad_dgrams, s.reg_answered, s.ka_answered, s.msgs_in, s.msgs_plain,
+                  s.msgs_enc, s.md5_bad, s.msgs_bad, s.frags_refused, s.msgs_sent, s.msgs_acked, s.msgs_given_up,
+                  e.tx.queue.size(), s.dropped_in, s.dropped_out);
     dsim_print(e, dsim_line::note, b);
 }

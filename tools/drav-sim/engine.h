@@ -19,10 +19,10 @@ struct dsim_config {
     bool answer_reg = true;
     bool answer_ka = true;
     bool ack = true;
-    double drop = 0.0;   // fraction of datagrams lost, each direction
+    double drop = 0.0;  // fraction of datagrams lost, each direction
     uint64_t seed = 1;
-    int quiet = 0;       // 0 every datagram, 1 (-q) events only, 2 (--count-only) notes only
-    long exit_after = 0; // quit after this many messages received; 0: never
+    int quiet = 0;        // 0 every datagram, 1 (-q) events only, 2 (--count-only) notes only
+    long exit_after = 0;  // quit after this many messages received; 0: never
 };
 
 struct dsim_stats {
@@ -65,8 +65,7 @@ void dsim_engine_datagram(dsim_engine &e, const sockaddr_in &from, std::span<con
 // Time passed: retransmissions and give-ups due at e.now.
 void dsim_engine_tick(dsim_engine &e);
 // Queues an application message (count copies); prints why when it cannot.
-void dsim_engine_send(dsim_engine &e, bool enc, uint32_t src, uint32_t dst,
-                      std::span<const uint8_t> data, long count);
+void dsim_engine_send(dsim_engine &e, bool enc, uint32_t src, uint32_t dst, std::span<const uint8_t> data, long count);
 // Passes a datagram out through the drop filter into the outbox, printed with
 // what (the decoding after the header).
 void dsim_emit(dsim_engine &e, const sockaddr_in &to, dsim_bytes bytes, const std::string &what);

@@ -7,8 +7,8 @@
 
 std::string dsim_fmt_hdr(const tovrin_hdr_t &h) {
     char b[96];
-    std::snprintf(b, sizeof b, "flags=0x%02x frag=%u ctlr_trans=%u ap_trans=%u data_len=%u", h.flags,
-                  h.frag, h.ctlr_trans, h.ap_trans, h.data_len);
+    std::snprintf(b, sizeof b, "flags=0x%02x frag=%u ctlr_trans=%u ap_trans=%u data_len=%u", h.flags, h.frag,
+                  h.ctlr_trans, h.ap_trans, h.data_len);
     return b;
 }
 
@@ -35,8 +35,7 @@ std::string dsim_fmt_mac(std::span<const uint8_t, 6> m) {
 
 std::string dsim_fmt_req(const dsim_ap_req &r) {
     std::string s = r.type == TOVRIN_CTRL_REGISTER ? "REG-REQ" : "KA-REQ";
-    s += " serial=" + dsim_fmt_cstr(r.serial) + " mac=" + dsim_fmt_mac(r.mac) +
-         " uptime=" + std::to_string(r.uptime);
+    s += " serial=" + dsim_fmt_cstr(r.serial) + " mac=" + dsim_fmt_mac(r.mac) + " uptime=" + std::to_string(r.uptime);
     if (r.type == TOVRIN_CTRL_REGISTER) s += " name=" + dsim_fmt_cstr(r.name);
     s += " ka_rate=" + std::to_string(r.ka_rate);
     return s;

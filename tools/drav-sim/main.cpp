@@ -97,11 +97,16 @@ bool parse_options(int argc, char **argv, dsim_engine &e, dsim_options &opt) {
         } else if (a == "--version") {
             std::fputs("drav-sim " TOVRIN_VERSION "\n", stdout);
             std::exit(0);
-        } else if (a == "--no-register") e.cfg.answer_reg = false;
-        else if (a == "--no-keepalive") e.cfg.answer_ka = false;
-        else if (a == "--no-ack") e.cfg.ack = false;
-        else if (a == "-q" || a == "--quiet") e.cfg.quiet = std::max(e.cfg.quiet, 1);
-        else if (a == "--count-only") e.cfg.quiet = 2;
+        } else if (a == "--no-register")
+            e.cfg.answer_reg = false;
+        else if (a == "--no-keepalive")
+            e.cfg.answer_ka = false;
+        else if (a == "--no-ack")
+            e.cfg.ack = false;
+        else if (a == "-q" || a == "--quiet")
+            e.cfg.quiet = std::max(e.cfg.quiet, 1);
+        else if (a == "--count-only")
+            e.cfg.quiet = 2;
         else if (a == "--bind" && value(v)) {
             if (inet_pton(AF_INET, v.c_str(), &opt.bind.sin_addr) != 1) goto bad;
         } else if (a == "--port" && value(v)) {
@@ -112,8 +117,7 @@ bool parse_options(int argc, char **argv, dsim_engine &e, dsim_options &opt) {
             if (!parse_addr(v, TOVRIN_PORT, e.peer)) goto bad;
             e.have_peer = e.peer_fixed = true;
         } else if (a == "--key" && value(v)) {
-            if (!dsim_parse_hex(v, e.key) || (e.key.size() != 16 && e.key.size() != 24 && e.key.size() != 32))
-                goto bad;
+            if (!dsim_parse_hex(v, e.key) || (e.key.size() != 16 && e.key.size() != 24 && e.key.size() != 32)) goto bad;
         } else if (a == "--drop" && value(v)) {
             e.cfg.drop = std::strtod(v.c_str(), &end);
             if (*end != '\0' || !(e.cfg.drop >= 0.0 && e.cfg.drop <= 1.0)) goto bad;
@@ -130,8 +134,7 @@ bool parse_options(int argc, char **argv, dsim_engine &e, dsim_options &opt) {
         }
         continue;
     bad:
-        std::fprintf(stderr, "drav-sim: bad option %s%s%s\n%s", a.c_str(), v.empty() ? "" : " ",
-                     v.c_str(), usage);
+        std::fprintf(stderr, "drav-sim: bad option %s%s%s\n%s", a.c_str(), v.empty() ? "" : " ", v.c_str(), usage);
         return false;
     }
     return true;
@@ -139,8 +142,8 @@ bool parse_options(int argc, char **argv, dsim_engine &e, dsim_options &opt) {
 
 void flush_outbox(dsim_engine &e, int sock) {
     for (const dsim_outgoing &o : e.outbox) {
-        if (sendto(sock, o.bytes.data(), o.bytes.size(), MSG_DONTWAIT,
-                   reinterpret_cast<const sockaddr *>(&o.to), sizeof o.to) < 0)
+        if (sendto(sock, o.bytes.data(), o.bytes.size(), MSG_DONTWAIT, reinterpret_cast<const sockaddr *>(&o.to),
+                   sizeof o.to) < 0)
             dsim_print(e, dsim_line::note, std::string("# sendto failed: ") + std::strerror(errno));
     }
     e.outbox.clear();
@@ -198,8 +201,7 @@ int main(int argc, char **argv) {
     dsim_fd sock(socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (sigfd.fd < 0 || sock.fd < 0 ||
         bind(sock.fd, reinterpret_cast<const sockaddr *>(&opt.bind), sizeof opt.bind) != 0) {
-        std::fprintf(stderr, "drav-sim: cannot bind %s: %s\n", dsim_fmt_addr(opt.bind).c_str(),
-                     std::strerror(errno));
+        std::fprintf(stderr, "drav-sim: cannot bind %s: %s\n", dsim_fmt_addr(opt.bind).c_str(), std::strerror(errno));
         return 1;
     }
     sockaddr_in bound{};

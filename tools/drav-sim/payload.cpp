@@ -19,8 +19,7 @@ bool key_ok(std::size_t n) { return n == 16 || n == 24 || n == 32; }
 
 }  // namespace
 
-std::string dsim_payload_plain(uint32_t src, uint32_t dst, std::span<const uint8_t> data,
-                               dsim_bytes &out) {
+std::string dsim_payload_plain(uint32_t src, uint32_t dst, std::span<const uint8_t> data, dsim_bytes &out) {
     if (data.size() > TOVRIN_MAX_PLAIN_DATA)
         return "plain data of " + std::to_string(data.size()) + " bytes exceeds 16372";
     out.assign(TOVRIN_PLAIN_HDR_LEN + data.size(), 0);
@@ -29,8 +28,8 @@ std::string dsim_payload_plain(uint32_t src, uint32_t dst, std::span<const uint8
     return "";
 }
 
-std::string dsim_payload_enc(uint32_t src, uint32_t dst, std::span<const uint8_t> data,
-                             std::span<const uint8_t> key, const dsim_iv &iv, dsim_bytes &out) {
+std::string dsim_payload_enc(uint32_t src, uint32_t dst, std::span<const uint8_t> data, std::span<const uint8_t> key,
+                             const dsim_iv &iv, dsim_bytes &out) {
     if (data.size() > TOVRIN_MAX_ENC_DATA)
         return "encrypted data of " + std::to_string(data.size()) + " bytes exceeds 16336";
     if (!key_ok(key.size())) return key.empty() ? "no key set" : "key is not 16, 24 or 32 bytes";
@@ -44,18 +43,15 @@ std::string dsim_payload_enc(uint32_t src, uint32_t dst, std::span<const uint8_t
     tovrin_store32(&out[TOVRIN_DOFF_PAD], pad);
     std::copy(iv.begin(), iv.end(), out.begin() + TOVRIN_DOFF_IV);
     if (!tovrin_md5(plain.data(), plain.size(), &out[TOVRIN_DOFF_MD5])) return "digest failed";
-    if (!tovrin_aes_cbc(true, plain.data(), out.data() + TOVRIN_ENC_HDR_LEN, body, key.data(), key.size(),
-                        iv.data()))
+    if (!tovrin_aes_cbc(true, plain.data(), out.data() + TOVRIN_ENC_HDR_LEN, body, key.data(), key.size(), iv.data()))
         return "encryption failed";
     return "";
 }
 
-std::size_t dsim_frag_count(std::size_t len) {
-    return len == 0 ? 1 : (len + TOVRIN_FRAG_SIZE - 1) / TOVRIN_FRAG_SIZE;
-}
+std::size_t dsim_frag_count(std::size_t len) { return len == 0 ? 1 : (len + TOVRIN_FRAG_SIZE - 1) / TOVRIN_FRAG_SIZE; }
 
-std::vector<dsim_bytes> dsim_fragment(std::span<const uint8_t> payload, uint8_t ctlr_trans,
-                                      uint8_t ap_trans, bool retx) {
+std::vector<dsim_bytes> dsim_fragment(std::span<const uint8_t> payload, uint8_t ctlr_trans, uint8_t ap_trans,
+                                      bool retx) {
     std::size_t n = dsim_frag_count(payload.size());
     std::vector<dsim_bytes> frames;
     frames.reserve(n);
@@ -85,8 +81,7 @@ dsim_opened dsim_payload_open(std::span<const uint8_t> p, std::span<const uint8_
     }
     std::size_t field = tovrin_load16(&p[TOVRIN_DOFF_LEN]);
     if (field != p.size()) {
-        r.problem = "length field " + std::to_string(field) + " but " + std::to_string(p.size()) +
-                    " bytes";
+        r.problem = "length field " + std::to_string(field) + " but " + std::to_string(p.size()) + " bytes";
         return r;
     }
     uint8_t type = p[0];
@@ -99,8 +94,7 @@ dsim_opened dsim_payload_open(std::span<const uint8_t> p, std::span<const uint8_
     r.enc = type == TOVRIN_DATA_ENC;
     std::size_t hdr = r.enc ? TOVRIN_ENC_HDR_LEN : TOVRIN_PLAIN_HDR_LEN;
     if (p.size() < hdr) {
-        r.problem = "message of " + std::to_string(p.size()) + " bytes, header needs " +
-                    std::to_string(hdr);
+        r.problem = "message of " + std::to_string(p.size()) + " bytes, header needs " + std::to_string(hdr);
         return r;
     }
     r.src = tovrin_load32(&p[TOVRIN_DOFF_SRC]);

@@ -4,11 +4,10 @@
 
 namespace {
 
-dsim_frag_verdict store(dsim_reasm &r, const tovrin_hdr_t &h, std::span<const uint8_t> data,
-                        std::size_t base, std::string &reason) {
+dsim_frag_verdict store(dsim_reasm &r, const tovrin_hdr_t &h, std::span<const uint8_t> data, std::size_t base,
+                        std::string &reason) {
     if (base + data.size() > TOVRIN_MAX_PAYLOAD) {
-        reason = "too big: " + std::to_string(base) + "+" + std::to_string(data.size()) +
-                 " bytes exceed 16384";
+        reason = "too big: " + std::to_string(base) + "+" + std::to_string(data.size()) + " bytes exceed 16384";
         return dsim_frag_verdict::refused;
     }
     std::copy(data.begin(), data.end(), r.buf.begin() + static_cast<std::ptrdiff_t>(base));
@@ -24,8 +23,8 @@ dsim_frag_verdict store(dsim_reasm &r, const tovrin_hdr_t &h, std::span<const ui
 
 }  // namespace
 
-dsim_frag_verdict dsim_reasm_feed(dsim_reasm &r, const tovrin_hdr_t &h,
-                                  std::span<const uint8_t> data, std::string &reason) {
+dsim_frag_verdict dsim_reasm_feed(dsim_reasm &r, const tovrin_hdr_t &h, std::span<const uint8_t> data,
+                                  std::string &reason) {
     bool same = r.active && r.ap_trans == h.ap_trans;
     bool retx = (h.flags & TOVRIN_F_RETX) != 0;
     if (h.frag == 0) {
@@ -41,13 +40,11 @@ dsim_frag_verdict dsim_reasm_feed(dsim_reasm &r, const tovrin_hdr_t &h,
         return dsim_frag_verdict::refused;
     }
     if (r.complete) {
-        reason = "frag " + std::to_string(h.frag) + " of completed ap_trans " +
-                 std::to_string(h.ap_trans);
+        reason = "frag " + std::to_string(h.frag) + " of completed ap_trans " + std::to_string(h.ap_trans);
         return dsim_frag_verdict::refused;
     }
     if (h.frag != r.last_frag + 1) {
-        reason = "out of order: expected frag " + std::to_string(r.last_frag + 1) + " got " +
-                 std::to_string(h.frag);
+        reason = "out of order: expected frag " + std::to_string(r.last_frag + 1) + " got " + std::to_string(h.frag);
         return dsim_frag_verdict::refused;
     }
     return store(r, h, data, r.len, reason);

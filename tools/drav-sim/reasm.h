@@ -30,8 +30,8 @@ struct dsim_reasm {
 // resent start of the message just completed (repeat); later fragments must
 // follow the last one taken, and the message must stay within 16384 bytes.
 // On refusal the state is unchanged and reason is set.
-dsim_frag_verdict dsim_reasm_feed(dsim_reasm &r, const tovrin_hdr_t &h,
-                                  std::span<const uint8_t> data, std::string &reason);
+dsim_frag_verdict dsim_reasm_feed(dsim_reasm &r, const tovrin_hdr_t &h, std::span<const uint8_t> data,
+                                  std::string &reason);
 
 // The whole message once the verdict was complete.
 inline std::span<const uint8_t> dsim_reasm_message(const dsim_reasm &r) {

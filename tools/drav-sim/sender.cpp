@@ -39,8 +39,7 @@ std::vector<dsim_tx_event> dsim_sender_run(dsim_sender &s, double now) {
     }
 }
 
-dsim_ack_match dsim_sender_ack(dsim_sender &s, uint8_t ctlr_trans, double now, int &tries,
-                               double &rtt) {
+dsim_ack_match dsim_sender_ack(dsim_sender &s, uint8_t ctlr_trans, double now, int &tries, double &rtt) {
     if (!s.waiting) return dsim_ack_match::idle;
     if (s.queue.front().ctlr_trans != ctlr_trans) return dsim_ack_match::other;
     tries = s.expiries + 1;

@@ -52,8 +52,7 @@ std::vector<dsim_tx_event> dsim_sender_run(dsim_sender &s, double now);
 enum class dsim_ack_match { matched, idle, other };
 // An acknowledgement carrying ctlr_trans arrived. Matched: the head is done and
 // removed (acked_trans, tries, rtt tell which); call dsim_sender_run next.
-dsim_ack_match dsim_sender_ack(dsim_sender &s, uint8_t ctlr_trans, double now, int &tries,
-                               double &rtt);
+dsim_ack_match dsim_sender_ack(dsim_sender &s, uint8_t ctlr_trans, double now, int &tries, double &rtt);
 // When dsim_sender_run next has work, infinity when none.
 inline double dsim_sender_due(const dsim_sender &s) {
     if (s.waiting) return s.due;

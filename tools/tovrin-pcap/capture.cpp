@@ -4,8 +4,7 @@
 
 #include <memory>
 
-std::string tpcap_read_file(const std::string &path, int &dlt,
-                            const std::function<void(const tpcap_frame &)> &each) {
+std::string tpcap_read_file(const std::string &path, int &dlt, const std::function<void(const tpcap_frame &)> &each) {
     char err[PCAP_ERRBUF_SIZE] = "";
     std::unique_ptr<pcap_t, void (*)(pcap_t *)> p(
         pcap_open_offline_with_tstamp_precision(path.c_str(), PCAP_TSTAMP_PRECISION_MICRO, err), pcap_close);

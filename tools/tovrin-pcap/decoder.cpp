@@ -22,27 +22,28 @@ tpcap_dir known_direction(const tpcap_decoder &d, const std::string &from, const
     return known->second == from ? tpcap_dir::up : tpcap_dir::down;
 }
 
-tpcap_dir direction(tpcap_decoder &d, const std::string &from, const std::string &to,
-                    const tovrin_hdr_t &h) {
+tpcap_dir direction(tpcap_decoder &d, const std::string &from, const std::string &to, const tovrin_hdr_t &h) {
     std::string conv = conversation(from, to);
     if (d.aps.count(conv)) return known_direction(d, from, to);
     tpcap_dir dir = tpcap_dir::unknown;
     if (h.flags & TOVRIN_F_CTRL)
         dir = (h.flags & TOVRIN_F_DATA) ? tpcap_dir::up : tpcap_dir::down;
     else if (h.flags & TOVRIN_F_ACK) {
-        if (h.ap_trans == 0 && h.ctlr_trans != 0) dir = tpcap_dir::up;
-        else if (h.ap_trans != 0) dir = tpcap_dir::down;
+        if (h.ap_trans == 0 && h.ctlr_trans != 0)
+            dir = tpcap_dir::up;
+        else if (h.ap_trans != 0)
+            dir = tpcap_dir::down;
     }
-    if (dir == tpcap_dir::up) d.aps[conv] = from;
-    else if (dir == tpcap_dir::down) d.aps[conv] = to;
+    if (dir == tpcap_dir::up)
+        d.aps[conv] = from;
+    else if (dir == tpcap_dir::down)
+        d.aps[conv] = to;
     return dir;
 }
 
 // The message number a data fragment or acknowledgement carries for its sender
 // (data) or for the other side (acknowledgement).
-uint8_t data_num(tpcap_dir dir, const tovrin_hdr_t &h) {
-    return dir == tpcap_dir::down ? h.ctlr_trans : h.ap_trans;
-}
+uint8_t data_num(tpcap_dir dir, const tovrin_hdr_t &h) { return dir == tpcap_dir::down ? h.ctlr_trans : h.ap_trans; }
 uint8_t ack_num(tpcap_dir dir, const tovrin_hdr_t &h) {
     if (dir == tpcap_dir::up) return h.ctlr_trans;
     if (dir == tpcap_dir::down) return h.ap_trans;
@@ -60,8 +61,7 @@ void close_tx(tpcap_decoder &d, tpcap_tx &tx) {
     tx = tpcap_tx{};
 }
 
-void track_tx(tpcap_decoder &d, tpcap_tx &tx, const tovrin_hdr_t &h, std::span<const uint8_t> p,
-              uint8_t num) {
+void track_tx(tpcap_decoder &d, tpcap_tx &tx, const tovrin_hdr_t &h, std::span<const uint8_t> p, uint8_t num) {
     if (h.frag == 0 || !tx.open || tx.num != num) {
         close_tx(d, tx);
         tx.open = true;
@@ -81,8 +81,8 @@ std::string data_what(const tovrin_hdr_t &h, uint8_t num) {
     return s;
 }
 
-void complete(tpcap_decoder &d, tpcap_asm &a, tpcap_dir dir, const std::string &from,
-              const std::string &to, double t, const tovrin_hdr_t &h, uint8_t num) {
+void complete(tpcap_decoder &d, tpcap_asm &a, tpcap_dir dir, const std::string &from, const std::string &to, double t,
+              const tovrin_hdr_t &h, uint8_t num) {
     dsim_bytes whole;
     for (int k = 0; k <= a.last; ++k) whole.insert(whole.end(), a.parts[k].begin(), a.parts[k].end());
     a.complete = true;
@@ -143,14 +143,14 @@ void feed_data(tpcap_decoder &d, double t, tpcap_dir dir, const std::string &fro
     what += ", message of " + std::to_string(m.size) + " bytes complete";
 }
 
-void feed_ack(tpcap_decoder &d, tpcap_dir dir, const std::string &from, const std::string &to,
-              const tovrin_hdr_t &h, std::string &what) {
+void feed_ack(tpcap_decoder &d, tpcap_dir dir, const std::string &from, const std::string &to, const tovrin_hdr_t &h,
+              std::string &what) {
     uint8_t num = ack_num(dir, h);
     ++d.st.acks;
     bool repeated = (h.flags & TOVRIN_F_RETX) != 0;
     if (repeated) ++d.st.acks_repeated;
-    what = std::string(repeated ? "ACK repeated" : "ACK") + " of message " + std::to_string(num) +
-           " last frag " + std::to_string(h.frag);
+    what = std::string(repeated ? "ACK repeated" : "ACK") + " of message " + std::to_string(num) + " last frag " +
+           std::to_string(h.frag);
     auto fl = d.flows.find(to + ">" + from);
     if (fl != d.flows.end()) {
         auto a = fl->second.asms.find(num);
@@ -267,8 +267,11 @@ void tpcap_finish(tpcap_decoder &d) {
             continue;
         }
         ++s.enc;
-        if (m.opened.status == dsim_open_status::ok) ++s.md5_ok;
-        else if (m.opened.status == dsim_open_status::md5_bad) ++s.md5_bad;
-        else ++s.unchecked;
+        if (m.opened.status == dsim_open_status::ok)
+            ++s.md5_ok;
+        else if (m.opened.status == dsim_open_status::md5_bad)
+            ++s.md5_bad;
+        else
+            ++s.unchecked;
     }
 }

@@ -22,18 +22,18 @@ const char *tpcap_dir_name(tpcap_dir d);
 
 // One complete data message.
 struct tpcap_msg {
-    double time = 0;        // when its last fragment completed it
+    double time = 0;  // when its last fragment completed it
     tpcap_dir dir = tpcap_dir::unknown;
-    std::string from, to;   // "addr:port"
-    uint8_t num = 0;        // its number: ap_trans up, ctlr_trans down
+    std::string from, to;                  // "addr:port"
+    uint8_t num = 0;                       // its number: ap_trans up, ctlr_trans down
     uint8_t ap_trans = 0, ctlr_trans = 0;  // of the completing fragment
-    std::size_t size = 0;   // payload bytes, inner header included
+    std::size_t size = 0;                  // payload bytes, inner header included
     int frags = 0;
     int transmissions = 1;  // first fragments seen
     bool ack_req = false;
     bool acked = false;
-    bool too_big = false;   // over 16384 bytes: not opened
-    dsim_opened opened;     // type, endpoints, data, digest
+    bool too_big = false;  // over 16384 bytes: not opened
+    dsim_opened opened;    // type, endpoints, data, digest
 };
 
 // One datagram, for the per-datagram listing.
@@ -41,9 +41,9 @@ struct tpcap_dgram {
     double time = 0;
     tpcap_dir dir = tpcap_dir::unknown;
     std::string from, to;
-    bool ok = false;        // passed the frame checks
+    bool ok = false;  // passed the frame checks
     tovrin_hdr_t hdr{};
-    std::string what;       // what it is, or why it is malformed
+    std::string what;  // what it is, or why it is malformed
 };
 
 struct tpcap_stats {
@@ -58,17 +58,17 @@ struct tpcap_stats {
 // The fragments of one message number in one direction.
 struct tpcap_asm {
     std::map<int, dsim_bytes> parts;
-    int last = -1;            // the fragment without MORE_FRAGS
+    int last = -1;  // the fragment without MORE_FRAGS
     bool complete = false;
-    int firsts = 0;           // first fragments seen: the transmissions so far
-    std::size_t msg = 0;      // index in messages once complete
+    int firsts = 0;       // first fragments seen: the transmissions so far
+    std::size_t msg = 0;  // index in messages once complete
 };
 
 // What one sender has on the wire now: one transmission of one message.
 struct tpcap_tx {
     bool open = false;
     uint8_t num = 0;
-    int total = -1;           // fragments the message needs, from its length field
+    int total = -1;  // fragments the message needs, from its length field
     int last = -1;
     std::set<int> seen;
 };
@@ -79,12 +79,12 @@ struct tpcap_flow {
 };
 
 struct tpcap_decoder {
-    dsim_bytes key;           // empty: encrypted messages are not opened
+    dsim_bytes key;  // empty: encrypted messages are not opened
     uint16_t port = TOVRIN_PORT;
-    bool keep_dgrams = false; // fill dgrams
-    int64_t t0 = -1;          // time stamp of the first frame, microseconds
-    std::map<std::string, std::string> aps;  // conversation -> the AP's endpoint
-    std::map<std::string, tpcap_flow> flows; // "from>to"
+    bool keep_dgrams = false;                 // fill dgrams
+    int64_t t0 = -1;                          // time stamp of the first frame, microseconds
+    std::map<std::string, std::string> aps;   // conversation -> the AP's endpoint
+    std::map<std::string, tpcap_flow> flows;  // "from>to"
     std::vector<tpcap_msg> messages;
     std::vector<tpcap_dgram> dgrams;
     tpcap_stats st;

@@ -21,8 +21,7 @@ tpcap_link_status bad(std::string &reason, const std::string &why) {
 }
 
 // Offset of the IPv4 header, or a status when there is none.
-bool ip_offset(int dlt, std::span<const uint8_t> f, std::size_t &off, tpcap_link_status &st,
-               std::string &reason) {
+bool ip_offset(int dlt, std::span<const uint8_t> f, std::size_t &off, tpcap_link_status &st, std::string &reason) {
     uint16_t proto = 0;
     switch (dlt) {
     case DLT_EN10MB: {
@@ -64,9 +63,7 @@ bool ip_offset(int dlt, std::span<const uint8_t> f, std::size_t &off, tpcap_link
         off = 0;
         proto = ETH_IPV4;
         break;
-    default:
-        st = other(reason, "link type " + std::to_string(dlt) + " not supported");
-        return false;
+    default: st = other(reason, "link type " + std::to_string(dlt) + " not supported"); return false;
     }
     if (proto != ETH_IPV4) {
         st = other(reason, "not IPv4");
@@ -77,8 +74,7 @@ bool ip_offset(int dlt, std::span<const uint8_t> f, std::size_t &off, tpcap_link
 
 }  // namespace
 
-tpcap_link_status tpcap_decode_frame(int dlt, std::span<const uint8_t> f, tpcap_udp &out,
-                                     std::string &reason) {
+tpcap_link_status tpcap_decode_frame(int dlt, std::span<const uint8_t> f, tpcap_udp &out, std::string &reason) {
     std::size_t off = 0;
     tpcap_link_status st = tpcap_link_status::other;
     if (!ip_offset(dlt, f, off, st, reason)) return st;
@@ -87,12 +83,14 @@ tpcap_link_status tpcap_decode_frame(int dlt, std::span<const uint8_t> f, tpcap_
     if ((ip[0] >> 4) != 4) return bad(reason, "IP version " + std::to_string(ip[0] >> 4));
     std::size_t ihl = (ip[0] & 0x0fu) * 4u;
     std::size_t total = tovrin_load16(&ip[2]);
-    if (ihl < 20 || total < ihl) return bad(reason, "IPv4 lengths " + std::to_string(ihl) + "/" + std::to_string(total));
+    if (ihl < 20 || total < ihl)
+        return bad(reason, "IPv4 lengths " + std::to_string(ihl) + "/" + std::to_string(total));
     if (ip[9] != IP_UDP) return other(reason, "not UDP");
     if ((tovrin_load16(&ip[6]) & 0x3fffu) != 0) return bad(reason, "IPv4 fragment");
     // Ethernet pads short frames: the IPv4 total length, not the frame, bounds the datagram.
-    if (ip.size() < total) return bad(reason, "cut short by the capture: " + std::to_string(ip.size()) +
-                                                  " of " + std::to_string(total) + " IPv4 bytes");
+    if (ip.size() < total)
+        return bad(reason, "cut short by the capture: " + std::to_string(ip.size()) + " of " + std::to_string(total) +
+                               " IPv4 bytes");
     std::span<const uint8_t> udp = ip.subspan(ihl, total - ihl);
     if (udp.size() < 8) return bad(reason, "UDP header cut short");
     std::size_t ulen = tovrin_load16(&udp[4]);
@@ -107,10 +105,8 @@ tpcap_link_status tpcap_decode_frame(int dlt, std::span<const uint8_t> f, tpcap_
 }
 
 std::string tpcap_fmt_ip(uint32_t ip) {
-    return std::to_string(ip >> 24) + "." + std::to_string((ip >> 16) & 0xff) + "." +
-           std::to_string((ip >> 8) & 0xff) + "." + std::to_string(ip & 0xff);
+    return std::to_string(ip >> 24) + "." + std::to_string((ip >> 16) & 0xff) + "." + std::to_string((ip >> 8) & 0xff) +
+           "." + std::to_string(ip & 0xff);
 }
 
-std::string tpcap_fmt_endpoint(uint32_t ip, uint16_t port) {
-    return tpcap_fmt_ip(ip) + ":" + std::to_string(port);
-}
+std::string tpcap_fmt_endpoint(uint32_t ip, uint16_t port) { return tpcap_fmt_ip(ip) + ":" + std::to_string(port); }

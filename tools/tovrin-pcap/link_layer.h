@@ -21,8 +21,7 @@ struct tpcap_udp {
 
 // Decodes one captured frame of link type dlt (a DLT_ value of libpcap).
 // frame holds the captured bytes; the reason says why for other and bad.
-tpcap_link_status tpcap_decode_frame(int dlt, std::span<const uint8_t> frame, tpcap_udp &out,
-                                     std::string &reason);
+tpcap_link_status tpcap_decode_frame(int dlt, std::span<const uint8_t> frame, tpcap_udp &out, std::string &reason);
 
 // "198.18.0.1"
 std::string tpcap_fmt_ip(uint32_t ip);

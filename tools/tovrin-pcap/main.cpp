@@ -53,11 +53,12 @@ const option_def option_table[] = {
 };
 
 void usage(FILE *to) {
-    std::fputs("usage: tovrin-pcap [options] FILE\n"
-               "Prints the tovrin link's data messages in a capture (pcap or pcapng; - is standard input),\n"
-               "one line each, then a summary: messages, retransmissions, acknowledgements missing and\n"
-               "fragments lost.\n",
-               to);
+    std::fputs(
+        "usage: tovrin-pcap [options] FILE\n"
+        "Prints the tovrin link's data messages in a capture (pcap or pcapng; - is standard input),\n"
+        "one line each, then a summary: messages, retransmissions, acknowledgements missing and\n"
+        "fragments lost.\n",
+        to);
     for (const option_def &d : option_table) {
         std::string left = std::string(d.name) + (d.arg ? std::string(" ") + d.arg : "");
         std::fprintf(to, "  %-14s %s\n", left.c_str(), d.help);
@@ -122,9 +123,8 @@ int main(int argc, char **argv) {
     d.port = static_cast<uint16_t>(o.port);
     d.keep_dgrams = o.dgrams;
     int dlt = -1;
-    std::string err = tpcap_read_file(o.file, dlt, [&](const tpcap_frame &f) {
-        tpcap_feed_frame(d, dlt, f.usec, f.bytes);
-    });
+    std::string err =
+        tpcap_read_file(o.file, dlt, [&](const tpcap_frame &f) { tpcap_feed_frame(d, dlt, f.usec, f.bytes); });
     if (dlt < 0) {  // libpcap's reason names the file
         std::fprintf(stderr, "tovrin-pcap: %s\n", err.c_str());
         return 1;

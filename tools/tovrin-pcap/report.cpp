@@ -82,8 +82,8 @@ std::string tpcap_fmt_msg(const tpcap_msg &m, const tpcap_report_opts &o) {
     const char *md5 = md5_word(m);
     std::string problem = m.too_big || op.status == dsim_open_status::bad ? op.problem : "";
     if (o.json) {
-        std::string s = "{\"kind\":\"msg\",\"time\":" + fmt_time(m.time) + ",\"dir\":" +
-                        tpcap_json_str(tpcap_dir_name(m.dir)) + ",\"from\":" + tpcap_json_str(m.from) +
+        std::string s = "{\"kind\":\"msg\",\"time\":" + fmt_time(m.time) +
+                        ",\"dir\":" + tpcap_json_str(tpcap_dir_name(m.dir)) + ",\"from\":" + tpcap_json_str(m.from) +
                         ",\"to\":" + tpcap_json_str(m.to) + ",\"ap_trans\":" + std::to_string(m.ap_trans) +
                         ",\"ctlr_trans\":" + std::to_string(m.ctlr_trans) + ",\"type\":\"" + type_word(m) + "\"";
         if (has_eps) s += ",\"src\":" + std::to_string(op.src) + ",\"dst\":" + std::to_string(op.dst);
@@ -91,10 +91,13 @@ std::string tpcap_fmt_msg(const tpcap_msg &m, const tpcap_report_opts &o) {
              ",\"transmissions\":" + std::to_string(m.transmissions);
         if (has_len) s += ",\"len\":" + std::to_string(op.len);
         if (md5) s += std::string(",\"md5\":\"") + md5 + "\"";
-        s += std::string(",\"ack_req\":") + (m.ack_req ? "true" : "false") + ",\"acked\":" + (m.acked ? "true" : "false");
+        s += std::string(",\"ack_req\":") + (m.ack_req ? "true" : "false") +
+             ",\"acked\":" + (m.acked ? "true" : "false");
         if (has_data) {
-            if (printable(op.data)) s += ",\"data\":" + tpcap_json_str(std::string(op.data.begin(), op.data.end()));
-            else s += ",\"data_hex\":\"" + hex(op.data) + "\"";
+            if (printable(op.data))
+                s += ",\"data\":" + tpcap_json_str(std::string(op.data.begin(), op.data.end()));
+            else
+                s += ",\"data_hex\":\"" + hex(op.data) + "\"";
         }
         if (!problem.empty()) s += ",\"problem\":" + tpcap_json_str(problem);
         return s + "}";
@@ -116,13 +119,13 @@ std::string tpcap_fmt_msg(const tpcap_msg &m, const tpcap_report_opts &o) {
 std::string tpcap_fmt_dgram(const tpcap_dgram &g, const tpcap_report_opts &o) {
     std::string hdr = g.ok ? dsim_fmt_hdr(g.hdr) : "";
     if (o.json) {
-        std::string s = "{\"kind\":\"dgram\",\"time\":" + fmt_time(g.time) + ",\"dir\":" +
-                        tpcap_json_str(tpcap_dir_name(g.dir)) + ",\"from\":" + tpcap_json_str(g.from) +
+        std::string s = "{\"kind\":\"dgram\",\"time\":" + fmt_time(g.time) +
+                        ",\"dir\":" + tpcap_json_str(tpcap_dir_name(g.dir)) + ",\"from\":" + tpcap_json_str(g.from) +
                         ",\"to\":" + tpcap_json_str(g.to);
         if (g.ok)
             s += ",\"flags\":" + std::to_string(g.hdr.flags) + ",\"frag\":" + std::to_string(g.hdr.frag) +
-                 ",\"ctlr_trans\":" + std::to_string(g.hdr.ctlr_trans) + ",\"ap_trans\":" +
-                 std::to_string(g.hdr.ap_trans) + ",\"data_len\":" + std::to_string(g.hdr.data_len);
+                 ",\"ctlr_trans\":" + std::to_string(g.hdr.ctlr_trans) +
+                 ",\"ap_trans\":" + std::to_string(g.hdr.ap_trans) + ",\"data_len\":" + std::to_string(g.hdr.data_len);
         return s + ",\"what\":" + tpcap_json_str(g.what) + "}";
     }
     std::string s = fmt_time(g.time) + " " + tpcap_dir_name(g.dir) + " dgram";
@@ -133,18 +136,35 @@ std::string tpcap_fmt_dgram(const tpcap_dgram &g, const tpcap_report_opts &o) {
 
 std::string tpcap_fmt_summary(const tpcap_stats &s, const tpcap_report_opts &o) {
     const std::pair<const char *, long> counts[] = {
-        {"messages", s.messages}, {"up", s.up}, {"down", s.down}, {"plain", s.plain}, {"enc", s.enc},
-        {"md5_ok", s.md5_ok}, {"md5_bad", s.md5_bad}, {"unchecked", s.unchecked}, {"bad", s.bad_msgs},
-        {"retransmissions", s.retransmissions}, {"acks_missing", s.acks_missing},
-        {"frags_lost", s.frags_lost}, {"incomplete", s.incomplete}, {"datagrams", s.datagrams},
-        {"malformed", s.malformed}, {"ctrl", s.ctrl}, {"acks", s.acks}, {"acks_repeated", s.acks_repeated},
-        {"acks_unmatched", s.acks_unmatched}, {"frames", s.frames}, {"bad_frames", s.bad_frames},
+        {"messages", s.messages},
+        {"up", s.up},
+        {"down", s.down},
+        {"plain", s.plain},
+        {"enc", s.enc},
+        {"md5_ok", s.md5_ok},
+        {"md5_bad", s.md5_bad},
+        {"unchecked", s.unchecked},
+        {"bad", s.bad_msgs},
+        {"retransmissions", s.retransmissions},
+        {"acks_missing", s.acks_missing},
+        {"frags_lost", s.frags_lost},
+        {"incomplete", s.incomplete},
+        {"datagrams", s.datagrams},
+        {"malformed", s.malformed},
+        {"ctrl", s.ctrl},
+        {"acks", s.acks},
+        {"acks_repeated", s.acks_repeated},
+        {"acks_unmatched", s.acks_unmatched},
+        {"frames", s.frames},
+        {"bad_frames", s.bad_frames},
         {"other_frames", s.other},
     };
     std::string out = o.json ? "{\"kind\":\"summary\"" : "# summary";
     for (const auto &[name, v] : counts) {
-        if (o.json) out += std::string(",\"") + name + "\":" + std::to_string(v);
-        else out += std::string(" ") + name + "=" + std::to_string(v);
+        if (o.json)
+            out += std::string(",\"") + name + "\":" + std::to_string(v);
+        else
+            out += std::string(" ") + name + "=" + std::to_string(v);
     }
     return o.json ? out + "}" : out;
 }

@@ -13,22 +13,18 @@ namespace tovrinctl {
 
 namespace {
 
-bool is_option(std::string_view a)
-{
+bool is_option(std::string_view a) {
     // "-5" is a negative number, not an option.
     return a.size() > 1 && a[0] == '-' && !(a[1] >= '0' && a[1] <= '9');
 }
 
-bool takes_value(std::string_view opt)
-{
-    return opt == "--timeout" || opt == "--path" || opt == "--count" || opt == "--from" ||
-           opt == "--name" || opt == "--id";
+bool takes_value(std::string_view opt) {
+    return opt == "--timeout" || opt == "--path" || opt == "--count" || opt == "--from" || opt == "--name" ||
+           opt == "--id";
 }
 
 // One option after the command word; returns false with r.error set on refusal.
-bool take_option(parse_result_t &r, std::string_view cmd, std::string_view opt,
-                 std::string_view val)
-{
+bool take_option(parse_result_t &r, std::string_view cmd, std::string_view opt, std::string_view val) {
     options_t &o = r.opts;
     const bool listen = cmd == "listen";
     const bool send = cmd == "send";
@@ -44,11 +40,9 @@ bool take_option(parse_result_t &r, std::string_view cmd, std::string_view opt,
     }
     if (opt == "--count" && listen)
         return take_number(r, val, parse_u32, true, o.count, "--count needs a number above 0");
-    if (opt == "--from" && send)
-        return take_number(r, val, parse_i32, false, o.from, "--from needs an endpoint id");
+    if (opt == "--from" && send) return take_number(r, val, parse_i32, false, o.from, "--from needs an endpoint id");
     if (opt == "--name" && send) {
-        if (val.size() >= TOVRIN_APP_NAME_LEN)
-            return usage_error(r, "--name is limited to 63 bytes");
+        if (val.size() >= TOVRIN_APP_NAME_LEN) return usage_error(r, "--name is limited to 63 bytes");
         o.name = val;
         return true;
     }
@@ -74,34 +68,29 @@ bool take_option(parse_result_t &r, std::string_view cmd, std::string_view opt,
 }
 
 // The row whose words w start with, and the operands parsed by it.
-bool take_operands(parse_result_t &r, const words_t &w)
-{
+bool take_operands(parse_result_t &r, const words_t &w) {
     std::string forms;  // of the rows under this command word, for an unknown second word
     for (const command_spec_t &c : command_table()) {
-        if (c.name != w[0])
-            continue;
+        if (c.name != w[0]) continue;
         if (c.sub.empty() || (w.size() >= 2 && w[1] == c.sub)) {
             r.opts.cmd = c.cmd;
             return c.parse(r, w, c);
         }
         forms += (forms.empty() ? "" : " | ") + std::string(c.usage);
     }
-    if (!forms.empty())
-        return usage_error(r, "usage: " + forms);
+    if (!forms.empty()) return usage_error(r, "usage: " + forms);
     return usage_error(r, "unknown command " + quoted(w[0]));
 }
 
-std::string make_usage()
-{
+std::string make_usage() {
     // Help starts at this column; a longer form puts it on the next line.
     constexpr std::size_t HELP_COL = 28;
     std::string u = "Usage: tovrinctl [--timeout MS] [--path PATH] COMMAND [ARGS]\n\nCommands:\n";
     for (const command_spec_t &c : command_table()) {
         std::string line = "  " + std::string(c.usage);
-        line += line.size() + 2 <= HELP_COL ? std::string(HELP_COL - line.size(), ' ')
-                                            : "\n" + std::string(HELP_COL, ' ');
-        for (char ch : c.help)
-            line += ch == '\n' ? "\n" + std::string(HELP_COL, ' ') : std::string(1, ch);
+        line +=
+            line.size() + 2 <= HELP_COL ? std::string(HELP_COL - line.size(), ' ') : "\n" + std::string(HELP_COL, ' ');
+        for (char ch : c.help) line += ch == '\n' ? "\n" + std::string(HELP_COL, ' ') : std::string(1, ch);
         u += line + "\n";
     }
     u += "\n"
@@ -111,48 +100,42 @@ std::string make_usage()
          "  -h, --help                print this text\n"
          "  --version                 print the version\n"
          "\n"
-         "Endpoint ids: " + endpoint_ids() + ". Paths are taken below $VK_IPC_ROOT.\n"
+         "Endpoint ids: " +
+         endpoint_ids() +
+         ". Paths are taken below $VK_IPC_ROOT.\n"
          "Exit status: 0 success, 1 failure, 2 usage error.\n";
     return u;
 }
 
 }  // namespace
 
-std::optional<uint32_t> parse_u32(std::string_view s)
-{
+std::optional<uint32_t> parse_u32(std::string_view s) {
     int base = 10;
     if (s.size() > 2 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X')) {
         s.remove_prefix(2);
         base = 16;
     }
-    if (s.empty() || s[0] == '-' || s[0] == '+')
-        return std::nullopt;
+    if (s.empty() || s[0] == '-' || s[0] == '+') return std::nullopt;
     uint32_t v = 0;
     auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), v, base);
-    if (ec != std::errc() || end != s.data() + s.size())
-        return std::nullopt;
+    if (ec != std::errc() || end != s.data() + s.size()) return std::nullopt;
     return v;
 }
 
-std::optional<int32_t> parse_i32(std::string_view s)
-{
-    if (s.empty() || s[0] == '+')
-        return std::nullopt;
+std::optional<int32_t> parse_i32(std::string_view s) {
+    if (s.empty() || s[0] == '+') return std::nullopt;
     int32_t v = 0;
     auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), v, 10);
-    if (ec != std::errc() || end != s.data() + s.size())
-        return std::nullopt;
+    if (ec != std::errc() || end != s.data() + s.size()) return std::nullopt;
     return v;
 }
 
-std::string_view usage_text()
-{
+std::string_view usage_text() {
     static const std::string text = make_usage();
     return text;
 }
 
-parse_result_t parse_args(std::span<const std::string_view> args)
-{
+parse_result_t parse_args(std::span<const std::string_view> args) {
     parse_result_t r;
     words_t words;  // the command word and its operands
     bool only_operands = false;
@@ -195,8 +178,7 @@ parse_result_t parse_args(std::span<const std::string_view> args)
             usage_error(r, "unknown option " + quoted(opt) + " before the command");
             return r;
         }
-        if (!take_option(r, cmd, opt, val))
-            return r;
+        if (!take_option(r, cmd, opt, val)) return r;
     }
     if (words.empty()) {
         usage_error(r, "no command given");

@@ -11,8 +11,21 @@
 
 namespace tovrinctl {
 
-enum class command_t { status, log_get, log_set, dump, key, encrypt, notify, request,
-                       controller, karate, listen, send, stats };
+enum class command_t {
+    status,
+    log_get,
+    log_set,
+    dump,
+    key,
+    encrypt,
+    notify,
+    request,
+    controller,
+    karate,
+    listen,
+    send,
+    stats
+};
 
 // How status and stats print: for people, one JSON object, or the Prometheus
 // text exposition.
@@ -30,28 +43,28 @@ struct options_t {
 
     format_t format = format_t::text;  // status (text, json), stats
 
-    uint32_t code = 0;               // notify, request
-    std::vector<uint8_t> bytes;      // key bytes; notify/request payload
-    int32_t state = 0;               // encrypt
-    std::array<uint8_t, 4> addr{};   // controller, network order
-    int32_t app_id = 0;              // karate
-    uint32_t rate = 0;               // karate
+    uint32_t code = 0;              // notify, request
+    std::vector<uint8_t> bytes;     // key bytes; notify/request payload
+    int32_t state = 0;              // encrypt
+    std::array<uint8_t, 4> addr{};  // controller, network order
+    int32_t app_id = 0;             // karate
+    uint32_t rate = 0;              // karate
 
-    std::optional<int32_t> log_level;   // log set: words to change
+    std::optional<int32_t> log_level;  // log set: words to change
     std::optional<int32_t> log_echo;
     std::optional<uint32_t> log_max;
 
-    int32_t endpoint = 0;               // listen
-    std::optional<uint32_t> count;      // listen: stop after this many messages
-    std::optional<uint32_t> wait_s;     // listen: give up after this many idle seconds
+    int32_t endpoint = 0;            // listen
+    std::optional<uint32_t> count;   // listen: stop after this many messages
+    std::optional<uint32_t> wait_s;  // listen: give up after this many idle seconds
 
-    int32_t dst = 0;                    // send
+    int32_t dst = 0;  // send
     int32_t from = DEFAULT_FROM_EP;
     std::string name = DEFAULT_NAME;
     uint32_t id = 0;
     bool ack = false;
     bool sync = false;
-    std::string data;                   // literal data, or the file name after '@'
+    std::string data;  // literal data, or the file name after '@'
     bool data_from_file = false;
 };
 

@@ -10,44 +10,34 @@ namespace tovrinctl {
 
 namespace {
 
-int hex_digit(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
+int hex_digit(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
     return -1;
 }
 
 template <typename T>
-void put(uint8_t *at, T v)
-{
+void put(uint8_t *at, T v) {
     std::memcpy(at, &v, sizeof v);
 }
 
 }  // namespace
 
-std::optional<std::vector<uint8_t>> parse_hex(std::string_view text)
-{
-    if (text.starts_with("0x") || text.starts_with("0X"))
-        text.remove_prefix(2);
-    if (text.size() % 2 != 0)
-        return std::nullopt;
+std::optional<std::vector<uint8_t>> parse_hex(std::string_view text) {
+    if (text.starts_with("0x") || text.starts_with("0X")) text.remove_prefix(2);
+    if (text.size() % 2 != 0) return std::nullopt;
     std::vector<uint8_t> out;
     out.reserve(text.size() / 2);
     for (std::size_t i = 0; i < text.size(); i += 2) {
         int hi = hex_digit(text[i]), lo = hex_digit(text[i + 1]);
-        if (hi < 0 || lo < 0)
-            return std::nullopt;
+        if (hi < 0 || lo < 0) return std::nullopt;
         out.push_back(static_cast<uint8_t>(hi << 4 | lo));
     }
     return out;
 }
 
-std::string to_hex(std::span<const uint8_t> bytes)
-{
+std::string to_hex(std::span<const uint8_t> bytes) {
     static constexpr char digits[] = "0123456789abcdef";
     std::string s;
     s.reserve(bytes.size() * 2);
@@ -58,55 +48,44 @@ std::string to_hex(std::span<const uint8_t> bytes)
     return s;
 }
 
-std::vector<uint8_t> encode_key(std::span<const uint8_t> key)
-{
+std::vector<uint8_t> encode_key(std::span<const uint8_t> key) {
     std::vector<uint8_t> out(4 + key.size());
     put(out.data(), static_cast<uint32_t>(key.size()));
-    if (!key.empty())
-        std::memcpy(out.data() + 4, key.data(), key.size());
+    if (!key.empty()) std::memcpy(out.data() + 4, key.data(), key.size());
     return out;
 }
 
-std::array<uint8_t, 4> encode_encrypt(int32_t state)
-{
+std::array<uint8_t, 4> encode_encrypt(int32_t state) {
     std::array<uint8_t, 4> out{};
     put(out.data(), state);
     return out;
 }
 
-std::optional<std::array<uint8_t, 4>> encode_controller(std::string_view dotted)
-{
+std::optional<std::array<uint8_t, 4>> encode_controller(std::string_view dotted) {
     // inet_pton takes only the strict four-part decimal form: no "10.1", no hex parts.
     std::string text(dotted);
     in_addr a{};
-    if (inet_pton(AF_INET, text.c_str(), &a) != 1)
-        return std::nullopt;
+    if (inet_pton(AF_INET, text.c_str(), &a) != 1) return std::nullopt;
     std::array<uint8_t, 4> out{};
     std::memcpy(out.data(), &a.s_addr, 4);
     return out;
 }
 
-std::array<uint8_t, 8> encode_karate(int32_t app_id, uint32_t rate)
-{
+std::array<uint8_t, 8> encode_karate(int32_t app_id, uint32_t rate) {
     std::array<uint8_t, 8> out{};
     put(out.data(), app_id);
     put(out.data() + 4, rate);
     return out;
 }
 
-std::array<uint8_t, 24> encode_log_conf(const std::array<int32_t, 6> &words)
-{
+std::array<uint8_t, 24> encode_log_conf(const std::array<int32_t, 6> &words) {
     std::array<uint8_t, 24> out{};
-    for (std::size_t i = 0; i < words.size(); ++i)
-        put(out.data() + 4 * i, words[i]);
+    for (std::size_t i = 0; i < words.size(); ++i) put(out.data() + 4 * i, words[i]);
     return out;
 }
 
-std::optional<std::vector<uint8_t>> encode_app_msg(const app_fields_t &f,
-                                                   std::span<const uint8_t> data)
-{
-    if (data.size() > TOVRIN_APP_MAX_DATA || f.src_name.size() >= TOVRIN_APP_NAME_LEN)
-        return std::nullopt;
+std::optional<std::vector<uint8_t>> encode_app_msg(const app_fields_t &f, std::span<const uint8_t> data) {
+    if (data.size() > TOVRIN_APP_MAX_DATA || f.src_name.size() >= TOVRIN_APP_NAME_LEN) return std::nullopt;
     tovrin_app_msg_t h{};
     h.src_ep = f.src_ep;
     std::memcpy(h.src_name, f.src_name.data(), f.src_name.size());
@@ -116,8 +95,7 @@ std::optional<std::vector<uint8_t>> encode_app_msg(const app_fields_t &f,
     h.len = static_cast<uint32_t>(data.size());
     std::vector<uint8_t> out(TOVRIN_APP_HDR_LEN + data.size());
     std::memcpy(out.data(), &h, TOVRIN_APP_HDR_LEN);
-    if (!data.empty())
-        std::memcpy(out.data() + TOVRIN_APP_HDR_LEN, data.data(), data.size());
+    if (!data.empty()) std::memcpy(out.data() + TOVRIN_APP_HDR_LEN, data.data(), data.size());
     return out;
 }
 

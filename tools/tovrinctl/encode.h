@@ -36,7 +36,6 @@ struct app_fields_t {
 };
 // Notification 122: the 84-byte application header (len = data size) and the
 // data. nullopt when the data would not fit one IPC message or the name its field.
-std::optional<std::vector<uint8_t>> encode_app_msg(const app_fields_t &f,
-                                                   std::span<const uint8_t> data);
+std::optional<std::vector<uint8_t>> encode_app_msg(const app_fields_t &f, std::span<const uint8_t> data);
 
 }  // namespace tovrinctl

@@ -19,66 +19,52 @@ void on_signal(int) { g_signalled = 1; }
 
 }  // namespace
 
-std::string ipc_full_path(std::string_view path)
-{
+std::string ipc_full_path(std::string_view path) {
     const char *root = std::getenv("VK_IPC_ROOT");
     return std::string(root ? root : "") + std::string(path);
 }
 
-ipc_endpoint::~ipc_endpoint()
-{
-    if (!open_)
-        return;
+ipc_endpoint::~ipc_endpoint() {
+    if (!open_) return;
     vk_ipc_close(&handle_);  // removes the socket file too
 }
 
-int ipc_endpoint::open(std::string_view path)
-{
-    if (open_ || path.size() >= VK_IPC_PATH_MAX)
-        return EINVAL;
+int ipc_endpoint::open(std::string_view path) {
+    if (open_ || path.size() >= VK_IPC_PATH_MAX) return EINVAL;
     handle_ = {};
     std::memcpy(handle_.path, path.data(), path.size());
     full_ = ipc_full_path(path);
-    if (vk_ipc_open(&handle_) != 0)
-        return errno ? errno : EIO;
+    if (vk_ipc_open(&handle_) != 0) return errno ? errno : EIO;
     open_ = true;
     return 0;
 }
 
-int ipc_send(ipc_endpoint &ep, std::string_view peer, uint32_t type, uint32_t flags,
-             std::span<const uint8_t> payload)
-{
-    if (peer.size() >= VK_IPC_PATH_MAX || payload.size() > VK_IPC_PAYLOAD_MAX)
-        return EINVAL;
+int ipc_send(ipc_endpoint &ep, std::string_view peer, uint32_t type, uint32_t flags, std::span<const uint8_t> payload) {
+    if (peer.size() >= VK_IPC_PATH_MAX || payload.size() > VK_IPC_PAYLOAD_MAX) return EINVAL;
     static vk_ipc_msg_t msg;  // 16 KB: kept off the stack
     msg.type = type;
     msg.len = static_cast<uint32_t>(payload.size());
     msg.flags = flags;
-    if (!payload.empty())
-        std::memcpy(msg.payload, payload.data(), payload.size());
+    if (!payload.empty()) std::memcpy(msg.payload, payload.data(), payload.size());
     vk_ipc_send_desc_t d{};
     d.handle = ep.handle();
     d.kind = VK_IPC_KIND_NOTIFY;
     d.msg = &msg;
     std::memcpy(d.peer, peer.data(), peer.size());
     errno = 0;
-    if (vk_ipc_send_large(&d) != 0)
-        return errno ? errno : EIO;
+    if (vk_ipc_send_large(&d) != 0) return errno ? errno : EIO;
     return 0;
 }
 
-wait_t ipc_wait(ipc_endpoint &ep, vk_ipc_msg_t &msg, std::optional<wait_clock::time_point> deadline)
-{
+wait_t ipc_wait(ipc_endpoint &ep, vk_ipc_msg_t &msg, std::optional<wait_clock::time_point> deadline) {
     const int fd = ep.handle()->sock;
     for (;;) {
-        if (g_signalled)
-            return wait_t::interrupted;
+        if (g_signalled) return wait_t::interrupted;
         timespec ts{};
         timespec *tsp = nullptr;
         if (deadline) {
             auto left = *deadline - wait_clock::now();
-            if (left <= wait_clock::duration::zero())
-                return wait_t::timeout;
+            if (left <= wait_clock::duration::zero()) return wait_t::timeout;
             auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
             ts.tv_sec = static_cast<time_t>(ns / 1000000000);
             ts.tv_nsec = static_cast<long>(ns % 1000000000);
@@ -89,31 +75,25 @@ wait_t ipc_wait(ipc_endpoint &ep, vk_ipc_msg_t &msg, std::optional<wait_clock::t
         FD_SET(fd, &set);
         const int n = pselect(fd + 1, &set, nullptr, nullptr, tsp, g_catching ? &g_wait_mask : nullptr);
         if (n < 0) {
-            if (errno == EINTR)
-                continue;
+            if (errno == EINTR) continue;
             return wait_t::error;
         }
-        if (n == 0)
-            continue;  // the deadline check above decides
+        if (n == 0) continue;  // the deadline check above decides
         vk_ipc_recv_desc_t rec{};
         rec.handle = ep.handle();
         rec.msg = &msg;
         uint8_t received = 0;
         if (vk_ipc_recv_large(&set, &rec, &received) != 0) {
-            if (errno == EBADMSG || errno == EMSGSIZE)
-                return wait_t::refused;
-            if (errno == EAGAIN || errno == EINTR)
-                continue;
+            if (errno == EBADMSG || errno == EMSGSIZE) return wait_t::refused;
+            if (errno == EAGAIN || errno == EINTR) continue;
             return wait_t::error;
         }
-        if (received)
-            return wait_t::message;
+        if (received) return wait_t::message;
     }
 }
 
-void ipc_catch_signals()
-{
-    struct sigaction sa{};
+void ipc_catch_signals() {
+    struct sigaction sa {};
     sa.sa_handler = on_signal;
     sigemptyset(&sa.sa_mask);
     sigaction(SIGINT, &sa, nullptr);

@@ -38,8 +38,7 @@ private:
 };
 
 // Sends one message from ep to peer. 0, or the errno of the failed send.
-int ipc_send(ipc_endpoint &ep, std::string_view peer, uint32_t type, uint32_t flags,
-             std::span<const uint8_t> payload);
+int ipc_send(ipc_endpoint &ep, std::string_view peer, uint32_t type, uint32_t flags, std::span<const uint8_t> payload);
 
 enum class wait_t { message, timeout, interrupted, refused, error };
 

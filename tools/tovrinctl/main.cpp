@@ -8,8 +8,7 @@
 #include "tools/tovrinctl/ipc_io.h"
 #include "tovrin_version.h"
 
-int main(int argc, char **argv)
-{
+int main(int argc, char **argv) {
     const std::vector<std::string_view> args(argv + 1, argv + argc);
     const tovrinctl::parse_result_t r = tovrinctl::parse_args(args);
     if (r.kind == tovrinctl::parse_kind_t::version) {
@@ -25,8 +24,7 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "tovrinctl: %s\nTry 'tovrinctl --help'.\n", r.error.c_str());
         return 2;
     }
-    for (const std::string &w : r.opts.warnings)
-        std::fprintf(stderr, "tovrinctl: warning: %s\n", w.c_str());
+    for (const std::string &w : r.opts.warnings) std::fprintf(stderr, "tovrinctl: warning: %s\n", w.c_str());
     tovrinctl::ipc_catch_signals();
     return tovrinctl::run_command(r.opts);
 }

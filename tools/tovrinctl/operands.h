@@ -15,12 +15,9 @@ std::string quoted(std::string_view s);
 // Stores the number parse reads from text into `into` (above 0 when positive
 // is set); else a usage error: why, then the text quoted.
 template <typename Parse, typename T>
-bool take_number(parse_result_t &r, std::string_view text, Parse parse, bool positive, T &into,
-                 std::string_view why)
-{
+bool take_number(parse_result_t &r, std::string_view text, Parse parse, bool positive, T &into, std::string_view why) {
     const auto v = parse(text);
-    if (!v || (positive && *v == 0))
-        return usage_error(r, std::string(why) + ", not " + quoted(text));
+    if (!v || (positive && *v == 0)) return usage_error(r, std::string(why) + ", not " + quoted(text));
     into = *v;
     return true;
 }

@@ -11,22 +11,19 @@ namespace tovrinctl {
 
 namespace {
 
-std::string controller_of(const tovrin_counters_t &c)
-{
+std::string controller_of(const tovrin_counters_t &c) {
     std::array<uint8_t, 4> a{};
     std::memcpy(a.data(), &c.controller, 4);
     return format_ipv4(a);
 }
 
 // Endpoint labels in the daemon's slot order: the table's ids, then "other".
-std::string endpoint_label(std::size_t slot)
-{
+std::string endpoint_label(std::size_t slot) {
     return slot < TOVRIN_APP_EP_COUNT ? std::to_string(app_ep[slot].id) : "other";
 }
 
 // The plain counters, in the order every format prints them.
-std::vector<std::pair<const char *, uint64_t>> plain(const tovrin_counters_t &c)
-{
+std::vector<std::pair<const char *, uint64_t>> plain(const tovrin_counters_t &c) {
     return {
         {"link_ups", c.link_ups},
         {"link_downs", c.link_downs},
@@ -53,8 +50,7 @@ std::string json_key(const std::string &k) { return "\"" + k + "\":"; }
 
 }  // namespace
 
-std::optional<tovrin_counters_t> decode_stats(std::span<const uint8_t> payload, std::string &why)
-{
+std::optional<tovrin_counters_t> decode_stats(std::span<const uint8_t> payload, std::string &why) {
     tovrin_counters_t c{};
     if (payload.size() < 16) {
         why = "answer of " + std::to_string(payload.size()) + " bytes, too short for a counters record";
@@ -73,28 +69,26 @@ std::optional<tovrin_counters_t> decode_stats(std::span<const uint8_t> payload, 
     return c;
 }
 
-std::string format_stats_text(const tovrin_counters_t &c)
-{
+std::string format_stats_text(const tovrin_counters_t &c) {
     auto row = [](const std::string &name, const std::string &value) {
         std::string line = "  " + name;
         line.resize(std::max<std::size_t>(line.size() + 1, 30), ' ');
         return line + value + "\n";
     };
-    std::string out = "link " + std::string(c.link_up ? "UP" : "DOWN") + " controller " + controller_of(c) +
-                      " for " + std::to_string(c.seconds_in_state) + " s\n";
+    std::string out = "link " + std::string(c.link_up ? "UP" : "DOWN") + " controller " + controller_of(c) + " for " +
+                      std::to_string(c.seconds_in_state) + " s\n";
     for (const auto &[name, v] : plain(c)) out += row(name, std::to_string(v));
     out += "refused by reason (others 0):\n";
     for (std::size_t i = 0; i < TOVRIN_REFUSAL_COUNT; ++i)
         if (c.refused[i] != 0) out += row(tovrin_refusal_names[i], std::to_string(c.refused[i]));
     out += "waiting room by endpoint (depth dropped):\n";
     for (std::size_t i = 0; i < TOVRIN_STATS_ENDPOINTS; ++i)
-        out += row(endpoint_label(i), std::to_string(c.backlog_depth_by_ep[i]) + " " +
-                                          std::to_string(c.backlog_dropped_by_ep[i]));
+        out += row(endpoint_label(i),
+                   std::to_string(c.backlog_depth_by_ep[i]) + " " + std::to_string(c.backlog_dropped_by_ep[i]));
     return out;
 }
 
-std::string format_stats_json(const tovrin_counters_t &c)
-{
+std::string format_stats_json(const tovrin_counters_t &c) {
     std::string out = "{" + json_key("link_state") + (c.link_up ? "\"up\"" : "\"down\"") + "," +
                       json_key("controller") + "\"" + controller_of(c) + "\"," + json_key("seconds_in_state") +
                       std::to_string(c.seconds_in_state);
@@ -110,8 +104,7 @@ std::string format_stats_json(const tovrin_counters_t &c)
     return out + "}}\n";
 }
 
-std::string format_stats_prometheus(const tovrin_counters_t &c)
-{
+std::string format_stats_prometheus(const tovrin_counters_t &c) {
     std::string out;
     auto family = [&out](const std::string &name, const char *type, const char *help) {
         out += "# HELP " + name + " " + help + "\n# TYPE " + name + " " + type + "\n";
@@ -134,8 +127,8 @@ std::string format_stats_prometheus(const tovrin_counters_t &c)
         {"tovrin_keepalives_answered_total", "counter", "Keepalive responses received.", c.keepalives_answered},
         {"tovrin_datagrams_in_total", "counter", "UDP datagrams received on the link.", c.datagrams_in},
         {"tovrin_datagrams_out_total", "counter", "UDP datagrams sent on the link.", c.datagrams_out},
-        {"tovrin_retransmissions_total", "counter", "Messages to the controller sent again for want of an acknowledgement.",
-         c.retransmissions},
+        {"tovrin_retransmissions_total", "counter",
+         "Messages to the controller sent again for want of an acknowledgement.", c.retransmissions},
         {"tovrin_up_messages_accepted_total", "counter", "Local messages queued for the controller.",
          c.up_messages_accepted},
         {"tovrin_up_messages_acked_total", "counter", "Messages the controller acknowledged.", c.up_messages_acked},
@@ -161,16 +154,15 @@ std::string format_stats_prometheus(const tovrin_counters_t &c)
     family("tovrin_backlog_messages", "gauge", "Messages waiting for a busy local endpoint, by endpoint.");
     for (std::size_t i = 0; i < TOVRIN_STATS_ENDPOINTS; ++i)
         sample("tovrin_backlog_messages", c.backlog_depth_by_ep[i], "endpoint=\"" + endpoint_label(i) + "\"");
-    family("tovrin_backlog_dropped_total", "counter", "Messages given up while waiting for a local endpoint, by endpoint.");
+    family("tovrin_backlog_dropped_total", "counter",
+           "Messages given up while waiting for a local endpoint, by endpoint.");
     for (std::size_t i = 0; i < TOVRIN_STATS_ENDPOINTS; ++i)
         sample("tovrin_backlog_dropped_total", c.backlog_dropped_by_ep[i], "endpoint=\"" + endpoint_label(i) + "\"");
     return out;
 }
 
-std::optional<std::string> format_status_json(std::span<const uint8_t> payload)
-{
-    if (payload.size() < 8)
-        return std::nullopt;
+std::optional<std::string> format_status_json(std::span<const uint8_t> payload) {
+    if (payload.size() < 8) return std::nullopt;
     int32_t status = 0;
     std::memcpy(&status, payload.data() + 4, 4);
     return "{\"controller\":\"" + format_ipv4(payload.first<4>()) + "\",\"link_state\":\"" +
