@@ -8,26 +8,6 @@
 
 namespace {
 
-const char reg_req_hex[] =
-    "010c0068deadfeeda0000000"
-    "1f000068"
-    "53455231323300000000000000000000"
-    "0000004d"
-    "0011aabbccdd"
-    "000b"
-    "54657374736572766572000000000000000000000000000000000000000000000000000000000000"
-    "000000000000000000000000000000000000000000000000"
-    "00001388"
-    "00000000";
-const char ka_req_hex[] =
-    "010c0024deadfeeda0000000"
-    "20000024"
-    "53455231323300000000000000000000"
-    "0000004e"
-    "0011aabbccdd"
-    "0000"
-    "00001388";
-
 std::span<const uint8_t> payload_of(const std::vector<uint8_t> &d) {
     return std::span<const uint8_t>(d).subspan(TOVRIN_HDR_LEN);
 }
@@ -66,11 +46,11 @@ TEST(DravSimCodec, FrameChecksRefuseEachMalformation) {
 }
 
 TEST(DravSimCodec, RequestsDecodeAndShortOnesAreRefused) {
-    std::vector<uint8_t> reg = bytes_of_hex(reg_req_hex);
+    std::vector<uint8_t> reg = bytes_of_hex(dsim_reg_req_hex);
     dsim_ap_req r;
     ASSERT_EQ(dsim_req_decode(payload_of(reg), r), "");
     EXPECT_EQ(dsim_fmt_req(r), "REG-REQ serial=SER123 mac=00:11:aa:bb:cc:dd uptime=77 name=Testserver ka_rate=5000");
-    std::vector<uint8_t> ka = bytes_of_hex(ka_req_hex);
+    std::vector<uint8_t> ka = bytes_of_hex(dsim_ka_req_hex);
     ASSERT_EQ(dsim_req_decode(payload_of(ka), r), "");
     EXPECT_EQ(dsim_fmt_req(r), "KA-REQ serial=SER123 mac=00:11:aa:bb:cc:dd uptime=78 ka_rate=5000");
 
@@ -89,27 +69,10 @@ TEST(DravSimCodec, RequestsDecodeAndShortOnesAreRefused) {
 }
 
 TEST(DravSimCodec, AnswersAreByteExact) {
-    std::vector<uint8_t> reg = bytes_of_hex(reg_req_hex);
-    EXPECT_EQ(hex_of(dsim_build_reg_resp(payload_of(reg))),
-              "010c0068deadfeed80000000"
-              "1f000068"
-              "53455231323300000000000000000000"
-              "0000004d"
-              "0011aabbccdd"
-              "000b"
-              "54657374736572766572000000000000000000000000000000000000000000000000000000000000"
-              "000000000000000000000000000000000000000000000000"
-              "00001388"
-              "00000000");
-    std::vector<uint8_t> ka = bytes_of_hex(ka_req_hex);
-    EXPECT_EQ(hex_of(dsim_build_ka_resp(payload_of(ka))),
-              "010c0024deadfeed80000000"
-              "20000024"
-              "53455231323300000000000000000000"
-              "0000004e"
-              "0011aabbccdd"
-              "0000"
-              "00001388");
+    std::vector<uint8_t> reg = bytes_of_hex(dsim_reg_req_hex);
+    EXPECT_EQ(hex_of(dsim_build_reg_resp(payload_of(reg))), answer_hex_of(dsim_reg_req_hex));
+    std::vector<uint8_t> ka = bytes_of_hex(dsim_ka_req_hex);
+    EXPECT_EQ(hex_of(dsim_build_ka_resp(payload_of(ka))), answer_hex_of(dsim_ka_req_hex));
     in_addr a{};
     inet_pton(AF_INET, "10.1.2.254", &a);
     EXPECT_EQ(hex_of(dsim_build_dravip(a.s_addr)),

@@ -55,3 +55,29 @@ int run_shell(const std::string &cmd) {
     int st = std::system(cmd.c_str());
     return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
 }
+
+const char dsim_reg_req_hex[] =
+    "010c0068deadfeeda0000000"
+    "1f000068"
+    "53455231323300000000000000000000"
+    "0000004d"
+    "0011aabbccdd"
+    "000b"
+    "54657374736572766572000000000000000000000000000000000000000000000000000000000000"
+    "000000000000000000000000000000000000000000000000"
+    "00001388"
+    "00000000";
+const char dsim_ka_req_hex[] =
+    "010c0024deadfeeda0000000"
+    "20000024"
+    "53455231323300000000000000000000"
+    "0000004e"
+    "0011aabbccdd"
+    "0000"
+    "00001388";
+
+std::string answer_hex_of(const std::string &req_hex) {
+    std::string h = req_hex;
+    h.replace(16, 2, "80");  // the flags byte follows version, hdr_len, data_len and magic
+    return h;
+}

@@ -9,6 +9,12 @@
 std::string hex_of(std::span<const uint8_t> b);
 std::vector<uint8_t> bytes_of_hex(const std::string &hex);  // spaces are ignored
 
+// A registration and a keepalive request of AP SER123 (flags 0xa0), as hex.
+extern const char dsim_reg_req_hex[];
+extern const char dsim_ka_req_hex[];
+// The hex of the answer drav-sim sends to a request: the same bytes, flags 0x80.
+std::string answer_hex_of(const std::string &req_hex);
+
 // A directory under /tmp removed with its files when the object goes.
 struct temp_dir {
     std::string path;

@@ -184,23 +184,8 @@ std::vector<uint8_t> frame(uint8_t flags, uint8_t frag, uint8_t ap_trans, std::s
     return ::frame(flags, frag, 0, ap_trans, std::vector<uint8_t>(payload.begin(), payload.end()));
 }
 
-const std::string reg_req = std::string(
-                                "010c0068deadfeeda0000000"
-                                "1f000068"
-                                "53455231323300000000000000000000"
-                                "0000004d"
-                                "0011aabbccdd"
-                                "000b"
-                                "54657374736572766572") +
-                            std::string(108, '0') + "00001388" + "00000000";
-const std::string ka_req =
-    "010c0024deadfeeda0000000"
-    "20000024"
-    "53455231323300000000000000000000"
-    "0000004e"
-    "0011aabbccdd"
-    "0000"
-    "00001388";
+const std::string reg_req = dsim_reg_req_hex;
+const std::string ka_req = dsim_ka_req_hex;
 const std::string key_hex = "000102030405060708090a0b0c0d0e0f";
 
 }  // namespace
