@@ -25,6 +25,14 @@ void le32(tbytes &b, uint32_t v) {
     le16(b, static_cast<uint16_t>(v >> 16));
 }
 
+// A link-layer header given as hex, its protocol field at proto_at set, then the IP packet.
+tbytes behind_header(const char *header_hex, size_t proto_at, uint16_t proto, const tbytes &ip) {
+    tbytes b = hex_bytes(header_hex);
+    put16(b, proto_at, proto);
+    b.insert(b.end(), ip.begin(), ip.end());
+    return b;
+}
+
 }  // namespace
 
 tbytes ipv4_udp(uint32_t src, uint32_t dst, const tbytes &payload, uint16_t sport, uint16_t dport) {
@@ -43,25 +51,17 @@ tbytes ipv4_udp(uint32_t src, uint32_t dst, const tbytes &payload, uint16_t spor
 }
 
 tbytes ethernet(const tbytes &ip, uint16_t ethertype) {
-    tbytes b = hex_bytes("020000000001 020000000002 0000");
-    put16(b, 12, ethertype);
-    b.insert(b.end(), ip.begin(), ip.end());
+    tbytes b = behind_header("020000000001 020000000002 0000", 12, ethertype, ip);
     while (b.size() < 60) b.push_back(0);  // as Ethernet pads short frames
     return b;
 }
 
 tbytes sll(const tbytes &ip, uint16_t proto) {
-    tbytes b = hex_bytes("0000 0001 0006 020000000002 0000 0000");
-    put16(b, 14, proto);
-    b.insert(b.end(), ip.begin(), ip.end());
-    return b;
+    return behind_header("0000 0001 0006 020000000002 0000 0000", 14, proto, ip);
 }
 
 tbytes sll2(const tbytes &ip, uint16_t proto) {
-    tbytes b = hex_bytes("0000 0000 00000002 0001 00 06 020000000002 0000");
-    put16(b, 0, proto);
-    b.insert(b.end(), ip.begin(), ip.end());
-    return b;
+    return behind_header("0000 0000 00000002 0001 00 06 020000000002 0000", 0, proto, ip);
 }
 
 tbytes pcap_file(uint32_t linktype, const std::vector<tbytes> &frames) {
