@@ -230,6 +230,8 @@ for d, title, how in (
 
 w("![rates](rates.png)\n")
 
+# The callgrind runs, in the order of every table: each log level, up then down.
+CG_RUNS = [(lvl, d) for lvl in (1, 4) for d in ("up", "down")]
 w("## Cost per message (instructions, callgrind)\n")
 w("The daemon runs under `valgrind --tool=callgrind --collect-systime=nsec`; the counters are "
   "zeroed (`callgrind_control -z`) once the link is up, the messages (16 data bytes, plain) are "
@@ -238,30 +240,28 @@ w("The daemon runs under `valgrind --tool=callgrind --collect-systime=nsec`; the
   "Repeatable on a noisy machine: the count does not depend on timing.\n")
 w("| direction | log level | messages | instructions/message | system calls/message |")
 w("|---|---:|---:|---:|---:|")
-for lvl in (1, 4):
-    for d in ("up", "down"):
-        n, tot, sysn, _, _ = cg[(lvl, d)]
-        w(f"| {d} | {lvl} | {n} | {f0(tot / n)} | {sysn / n:.1f} |")
+for lvl, d in CG_RUNS:
+    n, tot, sysn, _, _ = cg[(lvl, d)]
+    w(f"| {d} | {lvl} | {n} | {f0(tot / n)} | {sysn / n:.1f} |")
 w("")
 CATS = ["syscalls", "copies", "crypto", "logging", "heap", "local IPC", "event loop", "daemon logic", "other"]
 w("Where the instructions go, per message (self cost of every function, grouped):\n")
-w("| group | " + " | ".join(f"{d} L{l}" for l in (1, 4) for d in ("up", "down")) + " |")
+w("| group | " + " | ".join(f"{d} L{l}" for l, d in CG_RUNS) + " |")
 w("|---|" + "---:|" * 4)
 for c in CATS:
-    w(f"| {c} | " + " | ".join(f0(cg[(l, d)][4].get(c, 0) / cg[(l, d)][0]) for l in (1, 4) for d in ("up", "down")) + " |")
+    w(f"| {c} | " + " | ".join(f0(cg[(l, d)][4].get(c, 0) / cg[(l, d)][0]) for l, d in CG_RUNS) + " |")
 w("")
-for lvl in (1, 4):
-    for d in ("up", "down"):
-        n, tot, _, fns, _ = cg[(lvl, d)]
-        w(f"<details><summary>{d}, level {lvl}: the functions, instructions per message</summary>\n")
-        w("| instructions/msg | function | group |")
-        w("|---:|---|---|")
-        for ir, fn, obj in sorted(fns, reverse=True)[:25]:
-            if ir / n < 5:
-                break
-            name = re.sub(r"\(.*", "", fn)[:70]
-            w(f"| {ir / n:,.0f} | `{name}` | {category(fn, obj)} |")
-        w("\n</details>\n")
+for lvl, d in CG_RUNS:
+    n, tot, _, fns, _ = cg[(lvl, d)]
+    w(f"<details><summary>{d}, level {lvl}: the functions, instructions per message</summary>\n")
+    w("| instructions/msg | function | group |")
+    w("|---:|---|---|")
+    for ir, fn, obj in sorted(fns, reverse=True)[:25]:
+        if ir / n < 5:
+            break
+        name = re.sub(r"\(.*", "", fn)[:70]
+        w(f"| {ir / n:,.0f} | `{name}` | {category(fn, obj)} |")
+    w("\n</details>\n")
 
 w("## Heap calls per message (log level 1)\n")
 w("The daemon runs with a small `LD_PRELOAD` counter of malloc/calloc/realloc/free "
