@@ -102,6 +102,12 @@ struct accept_case {
     std::function<void(const options_t &)> check;
 };
 
+// The options carry exactly one warning, and it says text.
+void expect_one_warning(const options_t &o, const char *text) {
+    ASSERT_EQ(o.warnings.size(), 1u);
+    EXPECT_NE(o.warnings[0].find(text), std::string::npos) << o.warnings[0];
+}
+
 TEST(TovrinctlArgs, AcceptsEachCommandWithItsOperands) {
     const std::vector<accept_case> cases = {
         {{"status"},
@@ -156,22 +162,15 @@ TEST(TovrinctlArgs, AcceptsEachCommandWithItsOperands) {
         {{"key", "0xa1b2"},
          [](const options_t &o) {
              EXPECT_EQ(o.bytes, (std::vector<uint8_t>{0xa1, 0xb2}));
-             ASSERT_EQ(o.warnings.size(), 1u);
-             EXPECT_NE(o.warnings[0].find("2 bytes"), std::string::npos) << o.warnings[0];
+             expect_one_warning(o, "2 bytes");
          }},
         {{"key", "000102030405060708090a0b0c0d0e0f1011121314"},
          [](const options_t &o) {
-             ASSERT_EQ(o.warnings.size(), 1u);
-             EXPECT_NE(o.warnings[0].find("21 bytes; the daemon keeps keys of up to 20 bytes, refuses"),
-                       std::string::npos)
-                 << o.warnings[0];
+             expect_one_warning(o, "21 bytes; the daemon keeps keys of up to 20 bytes, refuses");
          }},
         {{"key", "000102030405060708090a0b0c0d0e0f10111213"},
          [](const options_t &o) {
-             ASSERT_EQ(o.warnings.size(), 1u);
-             EXPECT_NE(o.warnings[0].find("20 bytes; the daemon keeps up to 20 but only a 16-byte key works"),
-                       std::string::npos)
-                 << o.warnings[0];
+             expect_one_warning(o, "20 bytes; the daemon keeps up to 20 but only a 16-byte key works");
          }},
         {{"encrypt", "-1"}, [](const options_t &o) { EXPECT_EQ(o.state, -1); }},
         {{"encrypt", "-2147483648"}, [](const options_t &o) { EXPECT_EQ(o.state, INT32_MIN); }},

@@ -22,6 +22,14 @@ using namespace std::chrono_literals;
 class TovrinctlEndpoint : public ::testing::Test {
 protected:
     ipc_root root;
+
+    // A run refused because another process holds endpoint ep at path: status 1 and why.
+    void expect_held_elsewhere(const transcript_t &t, const std::string &ep, const char *path) const {
+        EXPECT_EQ(t.status, 1);
+        EXPECT_TRUE(t.err.starts_with("tovrinctl: endpoint " + ep + " (" + root.file(path) +
+                                      ") is already bound by another process"))
+            << t.err;
+    }
 };
 
 uint32_t header_word(const std::vector<uint8_t> &p, std::size_t at) {
@@ -78,10 +86,7 @@ TEST_F(TovrinctlEndpoint, SendWithAckRefusesAnEndpointAnotherProcessHolds) {
     test_endpoint busy("/vk/ipc/gelvar");
     ASSERT_TRUE(busy.is_open());
     const transcript_t t = run_ctl({"send", "200", "--ack", "x"});
-    EXPECT_EQ(t.status, 1);
-    EXPECT_TRUE(t.err.starts_with("tovrinctl: endpoint 101 (" + root.file("/vk/ipc/gelvar") +
-                                  ") is already bound by another process"))
-        << t.err;
+    expect_held_elsewhere(t, "101", "/vk/ipc/gelvar");
     EXPECT_EQ(t.out, "");
     EXPECT_TRUE(std::filesystem::exists(root.file("/vk/ipc/gelvar")));  // not removed
     // Refused before anything was sent: the next message is the first to arrive.
@@ -195,11 +200,7 @@ TEST_F(TovrinctlEndpoint, ListenStopsCleanlyOnSigintAndSigterm) {
 TEST_F(TovrinctlEndpoint, ListenRefusesAnEndpointAnotherProcessHolds) {
     test_endpoint busy("/vk/ipc/sorvek");
     ASSERT_TRUE(busy.is_open());
-    const transcript_t t = run_ctl({"listen", "108", "--timeout", "1"});
-    EXPECT_EQ(t.status, 1);
-    EXPECT_TRUE(t.err.starts_with("tovrinctl: endpoint 108 (" + root.file("/vk/ipc/sorvek") +
-                                  ") is already bound by another process"))
-        << t.err;
+    expect_held_elsewhere(run_ctl({"listen", "108", "--timeout", "1"}), "108", "/vk/ipc/sorvek");
 }
 
 }  // namespace
