@@ -1,6 +1,7 @@
 #include "controller.h"
 
 #include <algorithm>
+#include <cmath>
 #include <stdexcept>
 #include <string>
 
@@ -23,11 +24,13 @@ std::vector<uint8_t> ctrl_answer(uint8_t type, uint16_t len) {
 
 void Controller::restart_at(uint32_t new_ip, uint8_t first_trans) {
     ip = new_ip;
-    cur_.reset();
+    if (tx_.waiting) {  // the message in flight is abandoned, its outcome unknown
+        tx_.queue.pop_front();
+        serials_.pop_front();
+        tx_.waiting = false;
+    }
     next_trans_ = first_trans == 0 ? 1 : first_trans;
-    rx_.clear();
-    rx_next_frag_ = -1;
-    rx_trans_ = -1;
+    rx_ = dsim_reasm{};
 }
 
 void Controller::queue_msg(int32_t src, int32_t dst, std::vector<uint8_t> data, bool encrypt) {
@@ -48,38 +51,51 @@ void Controller::queue_msg(int32_t src, int32_t dst, std::vector<uint8_t> data, 
     by_head[std::vector<uint8_t>(p.begin(), p.begin() + static_cast<long>(std::min<std::size_t>(p.size(), 48)))] =
         serial;
     sent[serial] = CtrlMsg{serial, src, dst, std::move(data)};
-    queue_.push_back(Out{serial, std::move(p)});
+    dsim_out_msg m;
+    m.enc = encrypt;
+    m.src = static_cast<uint32_t>(src);
+    m.dst = static_cast<uint32_t>(dst);
+    m.payload = std::move(p);
+    dsim_sender_queue(tx_, std::move(m));
+    serials_.push_back(serial);
 }
 
-void Controller::transmit(uint64_t now_us) {
-    Out &o = *cur_;
-    if (answering)
-        for (auto &d : dsim_fragment(o.payload, cur_trans_, 0, o.attempts > 0)) send_(ip, std::move(d));
-    if (answering) transmissions[o.serial] += 1;
-    o.attempts += 1;
-    o.next_us = now_us + (1000000ull << (o.attempts - 1));  // 1, 2, 4, 8, 16 s
+void Controller::transmit_head(int tries) {
+    if (!answering) return;  // a silent controller's tries still count down
+    const dsim_out_msg &m = tx_.queue.front();
+    for (auto &d : dsim_fragment(m.payload, m.ctlr_trans, 0, tries > 1)) send_(ip, std::move(d));
+    transmissions[serials_.front()] += 1;
 }
 
 void Controller::tick(uint64_t now_us) {
-    if (cur_ && now_us >= cur_->next_us) {
-        if (cur_->attempts >= 5)
-            cur_.reset();  // given up: the outcome stays unknown
-        else
-            transmit(now_us);
-    }
-    if (!cur_ && !queue_.empty() && answering) {
-        cur_ = std::move(queue_.front());
-        queue_.pop_front();
-        cur_trans_ = next_trans_;
-        next_trans_ = static_cast<uint8_t>(next_trans_ == 255 ? 1 : next_trans_ + 1);
-        sent[cur_->serial].trans = cur_trans_;
-        transmit(now_us);
+    // A silent controller starts nothing new, but the message on the wire
+    // runs through its schedule.
+    if (!tx_.waiting && !answering) return;
+    // The sender counts in seconds; an expiry due at this microsecond (as
+    // next_at() rounded it) must fire now, whatever the rounding did.
+    double now = static_cast<double>(now_us) / 1e6;
+    if (tx_.waiting && next_at() <= now_us) now = std::max(now, tx_.due);
+    for (const dsim_tx_event &ev : dsim_sender_run(tx_, now)) {
+        switch (ev.kind) {
+        case dsim_tx_kind::give_up: serials_.pop_front(); break;  // the outcome stays unknown
+        case dsim_tx_kind::first:
+            if (!answering) {  // the sender starts the next head at once; a silent controller holds it
+                tx_.waiting = false;
+                return;
+            }
+            tx_.queue.front().ctlr_trans = next_trans_;
+            sent[serials_.front()].trans = next_trans_;
+            next_trans_ = static_cast<uint8_t>(next_trans_ == 255 ? 1 : next_trans_ + 1);
+            transmit_head(ev.tries);
+            break;
+        case dsim_tx_kind::retx: transmit_head(ev.tries); break;
+        }
     }
 }
 
 std::optional<uint64_t> Controller::next_at() const {
-    if (cur_) return cur_->next_us;
-    if (!queue_.empty() && answering) return 0;  // due at once
+    if (tx_.waiting) return static_cast<uint64_t>(std::llround(tx_.due * 1e6));
+    if (!tx_.queue.empty() && answering) return 0;  // due at once
     return std::nullopt;
 }
 
@@ -94,9 +110,13 @@ void Controller::receive(uint64_t now_us, uint32_t dst_ip, const std::vector<uin
         return;
     }
     if (h.flags & TOVRIN_F_ACK) {
-        if (cur_ && h.ctlr_trans == cur_trans_) {
-            sent[cur_->serial].acked = true;
-            cur_.reset();
+        int tries = 0;
+        double rtt = 0;
+        const uint64_t serial = serials_.empty() ? 0 : serials_.front();
+        if (dsim_sender_ack(tx_, h.ctlr_trans, static_cast<double>(now_us) / 1e6, tries, rtt) ==
+            dsim_ack_match::matched) {
+            sent[serial].acked = true;
+            serials_.pop_front();
             tick(now_us);
         }
         return;
@@ -106,24 +126,20 @@ void Controller::receive(uint64_t now_us, uint32_t dst_ip, const std::vector<uin
 
 void Controller::data_from_ap(const std::vector<uint8_t> &bytes) {
     const tovrin_hdr_t h = tovrin_hdr_decode(std::span<const uint8_t, TOVRIN_HDR_LEN>(bytes.data(), TOVRIN_HDR_LEN));
-    const uint8_t *p = bytes.data() + TOVRIN_HDR_LEN;
-    const std::size_t n = bytes.size() - TOVRIN_HDR_LEN;
-    if (h.frag == 0) {
-        rx_.assign(p, p + n);
-        rx_trans_ = h.ap_trans;
-        rx_next_frag_ = 1;
-    } else if (h.ap_trans == rx_trans_ && h.frag == rx_next_frag_) {
-        rx_.insert(rx_.end(), p, p + n);
-        ++rx_next_frag_;
-    } else {
+    const std::span<const uint8_t> data(bytes.data() + TOVRIN_HDR_LEN, bytes.size() - TOVRIN_HDR_LEN);
+    std::string why;
+    switch (dsim_reasm_feed(rx_, h, data, why)) {
+    case dsim_frag_verdict::more:
+    case dsim_frag_verdict::refused: return;
+    case dsim_frag_verdict::repeat:
+        // The access point resends when our acknowledgement was lost: answer
+        // again so it stops, and record nothing twice, as drav-sim does.
+        send_(ip, dsim_build_ack(TOVRIN_F_ACK | TOVRIN_F_RETX, rx_.last_frag, rx_.ap_trans));
         return;
+    case dsim_frag_verdict::complete: break;
     }
-    if (h.flags & TOVRIN_F_MORE_FRAGS) return;
-    // Whole: acknowledged and recorded every time. Whether a copy is new is
-    // the controller's own business; the checks only ask what reached it.
-    send_(ip, dsim_build_ack(TOVRIN_F_ACK, h.frag, h.ap_trans));
-    rx_next_frag_ = -1;
-    dsim_opened o = dsim_payload_open(rx_, key_);
+    send_(ip, dsim_build_ack(TOVRIN_F_ACK, rx_.last_frag, rx_.ap_trans));
+    dsim_opened o = dsim_payload_open(dsim_reasm_message(rx_), key_);
     if (o.status != dsim_open_status::ok)
         throw std::runtime_error("controller received a message it cannot open: " + o.problem);
     ApMsg m{static_cast<int32_t>(o.src), static_cast<int32_t>(o.dst), std::move(o.data)};

@@ -4,13 +4,16 @@
 // messages, and sends messages of its own one at a time, retransmitting the
 // whole message with the RETX flag after 1, 2, 4 and 8 s and giving up after
 // the fifth transmission, as the daemon's own sender does. Payloads,
-// fragments and acknowledgements are drav-sim's (tools/drav-sim/payload.h).
+// fragments, acknowledgements, reassembly and the send queue are drav-sim's.
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
 #include <optional>
 #include <vector>
+
+#include "tools/drav-sim/reasm.h"
+#include "tools/drav-sim/sender.h"
 
 namespace simulate {
 
@@ -45,7 +48,7 @@ public:
     // Retransmission and the next message; call at next_at().
     void tick(uint64_t now_us);
     std::optional<uint64_t> next_at() const;
-    bool idle() const { return !cur_ && queue_.empty(); }
+    bool idle() const { return tx_.queue.empty(); }
 
     // Every message it ever sent (by serial) and every one it received whole.
     std::map<uint64_t, CtrlMsg> sent;
@@ -56,26 +59,19 @@ public:
     std::map<std::vector<uint8_t>, uint64_t> by_head;
 
 private:
-    struct Out {
-        uint64_t serial;
-        std::vector<uint8_t> payload;
-        int attempts = 0;
-        uint64_t next_us = 0;
-    };
-    void transmit(uint64_t now_us);
+    void transmit_head(int tries);
     void data_from_ap(const std::vector<uint8_t> &bytes);
 
     Send send_;
     std::vector<uint8_t> key_;
-    uint8_t next_trans_ = 1;
     uint64_t next_serial_ = 1;
-    std::deque<Out> queue_;
-    std::optional<Out> cur_;
-    uint8_t cur_trans_ = 0;
-    // Reassembly of the access point's message in progress.
-    std::vector<uint8_t> rx_;
-    int rx_next_frag_ = -1;
-    int rx_trans_ = -1;
+    // drav-sim's send queue: one message on the wire, 1, 2, 4, 8 s, given up
+    // at the fifth expiry. serials_ runs beside its queue, front to front.
+    dsim_sender tx_;
+    std::deque<uint64_t> serials_;
+    uint8_t next_trans_ = 1;  // numbered when a message goes on the wire
+    // Reassembly of the access point's messages: drav-sim's.
+    dsim_reasm rx_;
 };
 
 }  // namespace simulate
