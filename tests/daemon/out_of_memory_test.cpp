@@ -22,7 +22,8 @@ TEST_F(OutOfMemory, AFailedAllocationEndsTheDaemonWithOneNoteAndStatusOne) {
     EXPECT_EXIT(
         {
             tovrin_catch_allocation_failure();
-            volatile std::size_t huge = SIZE_MAX / 4;
+            // More than any address space, 32-bit ones included, can give.
+            volatile std::size_t huge = SIZE_MAX - 4095;
             ::operator delete(::operator new(huge));
         },
         testing::ExitedWithCode(1), "");
