@@ -156,8 +156,6 @@ bool tovrin_aes_cbc(bool encrypt, const uint8_t *in, uint8_t *out, std::size_t l
     }
     if (mbedtls_cipher_setkey(ctx, key, static_cast<int>(keylen * 8), encrypt ? MBEDTLS_ENCRYPT : MBEDTLS_DECRYPT) != 0)
         return false;
-    // Nothing to encrypt: the key was still checked above, as a message is.
-    if (len == 0) return true;
     std::size_t n = 0;
     return mbedtls_cipher_crypt(ctx, iv, TOVRIN_IV_LEN, in, len, out, &n) == 0 && n == len;
 }
