@@ -100,25 +100,24 @@ bool tovrin_md5(const uint8_t *in, std::size_t len, uint8_t out[TOVRIN_MD5_LEN])
 #else  // the generic layers
 
 // The contexts are set up once (a heap block each inside mbedTLS) and reused,
-// so a message allocates nothing; a cipher context is set up again only when
-// the key length changes. The key schedule is made anew at every call, so a
-// new key takes effect at once.
+// so a message allocates nothing; the cipher context is set up again only when
+// the key length changes. The key schedule is made anew at every call, for the
+// direction asked, so one cipher context serves both and a new key takes
+// effect at once.
 struct generic_state {
-    mbedtls_cipher_context_t cctx[2];  // [1] encrypts, [0] decrypts
-    std::size_t cctx_keylen[2] = {};   // the key length each was set up for; 0: not set up
+    mbedtls_cipher_context_t cctx;
+    std::size_t cctx_keylen = 0;  // the key length it was set up for; 0: not set up
     mbedtls_md_context_t mctx;
     bool md_ready = false;
 
     generic_state() {
-        mbedtls_cipher_init(&cctx[0]);
-        mbedtls_cipher_init(&cctx[1]);
+        mbedtls_cipher_init(&cctx);
         mbedtls_md_init(&mctx);
         const mbedtls_md_info_t *md5 = mbedtls_md_info_from_type(MBEDTLS_MD_MD5);
         md_ready = md5 != nullptr && mbedtls_md_setup(&mctx, md5, 0) == 0;
     }
     ~generic_state() {
-        mbedtls_cipher_free(&cctx[0]);
-        mbedtls_cipher_free(&cctx[1]);
+        mbedtls_cipher_free(&cctx);
         mbedtls_md_free(&mctx);
     }
     generic_state(const generic_state &) = delete;
@@ -142,17 +141,16 @@ bool tovrin_aes_cbc(bool encrypt, const uint8_t *in, uint8_t *out, std::size_t l
                     std::size_t keylen, const uint8_t iv[TOVRIN_IV_LEN]) {
     if (!key_len_ok(keylen) || len % TOVRIN_AES_BLOCK != 0) return false;
     generic_state &st = lib();
-    const int dir = encrypt ? 1 : 0;
-    mbedtls_cipher_context_t *ctx = &st.cctx[dir];
-    if (st.cctx_keylen[dir] != keylen) {
+    mbedtls_cipher_context_t *ctx = &st.cctx;
+    if (st.cctx_keylen != keylen) {
         mbedtls_cipher_free(ctx);
         mbedtls_cipher_init(ctx);
-        st.cctx_keylen[dir] = 0;  // set again only once the set-up succeeded
+        st.cctx_keylen = 0;  // set again only once the set-up succeeded
         const mbedtls_cipher_info_t *info = mbedtls_cipher_info_from_type(aes_for(keylen));
         if (info == nullptr || mbedtls_cipher_setup(ctx, info) != 0 ||
             mbedtls_cipher_set_padding_mode(ctx, MBEDTLS_PADDING_NONE) != 0)
             return false;
-        st.cctx_keylen[dir] = keylen;
+        st.cctx_keylen = keylen;
     }
     if (mbedtls_cipher_setkey(ctx, key, static_cast<int>(keylen * 8), encrypt ? MBEDTLS_ENCRYPT : MBEDTLS_DECRYPT) != 0)
         return false;
