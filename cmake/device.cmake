@@ -24,7 +24,12 @@ target_link_libraries(tovrin PRIVATE c gcc)
 # Checked at every link: only the C library and the crypto library may be needed
 # (the loader is named by PT_INTERP, not by a NEEDED entry).
 find_program(TOVRIN_READELF NAMES ${CMAKE_READELF} readelf REQUIRED)
+if(TOVRIN_CRYPTO STREQUAL "mbedtls")
+  set(TOVRIN_CRYPTO_SONAMES "libmbedcrypto.so;libtfpsacrypto.so")  # the latter: mbedTLS 4.x
+else()
+  set(TOVRIN_CRYPTO_SONAMES libcrypto.so)
+endif()
 add_custom_command(TARGET tovrin POST_BUILD
   COMMAND ${CMAKE_COMMAND} -DREADELF=${TOVRIN_READELF} -DFILE=$<TARGET_FILE:tovrin>
-          "-DALLOWED=libc.so;$<IF:$<STREQUAL:${TOVRIN_CRYPTO},mbedtls>,libmbedcrypto.so,libcrypto.so>" -P ${CMAKE_SOURCE_DIR}/cmake/check_needed.cmake
+          "-DALLOWED=libc.so;${TOVRIN_CRYPTO_SONAMES}" -P ${CMAKE_SOURCE_DIR}/cmake/check_needed.cmake
   VERBATIM)
