@@ -1,3 +1,5 @@
+// The OpenSSL backend of link/cipher.h (libcrypto 3.x and its EVP interface);
+// link/cipher_mbedtls.cpp is the other one, chosen with -DTOVRIN_CRYPTO.
 #include "link/cipher.h"
 
 #include <openssl/crypto.h>

@@ -64,7 +64,12 @@ struct SignalSlot {
 };
 std::array<SignalSlot, 65> signal_slots{};
 bool terminating = false;
+// epoll_pwait2 (Linux 5.11) is tried first where the C library declares it
+// (TOVRIN_HAVE_EPOLL_PWAIT2, found by the build; musl 1.2.3 does not); an
+// older kernel answers ENOSYS once and the millisecond call is used from then on.
+#ifdef TOVRIN_HAVE_EPOLL_PWAIT2
 bool have_pwait2 = true;
+#endif
 uint64_t next_seq = 0;
 uint32_t next_gen = 0;
 // A table on the heap that doubles when full: a vector's interface, on plain
@@ -207,15 +212,17 @@ int wait_events(std::array<epoll_event, MAX_EVENTS> &events) {
         const uint64_t now = now_ns();
         remaining = due > now ? due - now : 0;
     }
+#ifdef TOVRIN_HAVE_EPOLL_PWAIT2
     if (have_pwait2) {
         timespec ts{time_t(remaining / NS_PER_S), long(remaining % NS_PER_S)};
         const int n = epoll_pwait2(epfd, events.data(), MAX_EVENTS, forever ? nullptr : &ts, nullptr);
         if (n >= 0 || errno != ENOSYS) return n;
         have_pwait2 = false;
     }
+#endif
     int ms = -1;
     if (!forever) ms = int(std::min<uint64_t>((remaining + NS_PER_MS - 1) / NS_PER_MS, INT_MAX));
-    return epoll_wait(epfd, events.data(), MAX_EVENTS, ms);
+    return epoll_pwait(epfd, events.data(), MAX_EVENTS, ms, nullptr);
 }
 
 // Runs what is due now. Timeouts registered during this pass wait for the next

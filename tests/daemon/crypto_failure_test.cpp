@@ -1,8 +1,8 @@
-// libcrypto failing under the daemon: its digest calls are interposed here
-// (this executable's definition wins over the shared library's), so a digest
-// that fails is seen, never compared or sent from a stale buffer.
+// The crypto library failing under the daemon: the backend's digest call is
+// interposed here (this executable's definition wins over the shared
+// library's), so a digest that fails is seen, never compared or sent from a
+// stale buffer. TOVRIN_TEST_MBEDTLS says which backend this program links.
 #include <dlfcn.h>
-#include <openssl/evp.h>
 
 #include <cstring>
 
@@ -13,14 +13,36 @@ namespace {
 
 bool fail_digest = false;
 
+template <typename Fn>
+Fn real(const char *name) {
+    return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+}
+
 }  // namespace
 
-extern "C" int EVP_DigestFinal_ex(EVP_MD_CTX *ctx, unsigned char *md, unsigned int *s) {
-    using fn_t = int (*)(EVP_MD_CTX *, unsigned char *, unsigned int *);
-    static const auto real = reinterpret_cast<fn_t>(dlsym(RTLD_NEXT, "EVP_DigestFinal_ex"));
-    if (fail_digest) return 0;  // leaves md as it was, as a failing libcrypto may
-    return real(ctx, md, s);
+// Each failure leaves the output as it was, as a failing library may.
+#if TOVRIN_TEST_MBEDTLS
+#include <mbedtls/md.h>
+#include <psa/crypto.h>
+
+extern "C" int mbedtls_md_finish(mbedtls_md_context_t *ctx, unsigned char *out) {
+    static const auto fn = real<int (*)(mbedtls_md_context_t *, unsigned char *)>("mbedtls_md_finish");
+    return fail_digest ? MBEDTLS_ERR_MD_BAD_INPUT_DATA : fn(ctx, out);
 }
+extern "C" psa_status_t psa_hash_compute(psa_algorithm_t alg, const uint8_t *in, size_t len, uint8_t *out, size_t size,
+                                         size_t *n) {
+    using fn_t = psa_status_t (*)(psa_algorithm_t, const uint8_t *, size_t, uint8_t *, size_t, size_t *);
+    static const auto fn = real<fn_t>("psa_hash_compute");
+    return fail_digest ? PSA_ERROR_HARDWARE_FAILURE : fn(alg, in, len, out, size, n);
+}
+#else
+#include <openssl/evp.h>
+
+extern "C" int EVP_DigestFinal_ex(EVP_MD_CTX *ctx, unsigned char *md, unsigned int *s) {
+    static const auto fn = real<int (*)(EVP_MD_CTX *, unsigned char *, unsigned int *)>("EVP_DigestFinal_ex");
+    return fail_digest ? 0 : fn(ctx, md, s);
+}
+#endif
 
 namespace {
 
@@ -51,7 +73,7 @@ TEST_F(CryptoFailure, AFailedDigestIsNeitherComparedNorSent) {
                                    "from 198.18.0.1\n"),
               std::string::npos)
         << log_since(mark);
-    // The same message once libcrypto works again is delivered.
+    // The same message once the library works again is delivered.
     fail_digest = false;
     from_ctrl(frame(0x24, 0, 8, 0, good));
     EXPECT_EQ(app_msgs().size(), 1u);
