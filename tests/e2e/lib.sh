@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # End-to-end harness: runs the real tovrin, drav-sim and tovrinctl, checks what
 # they print, and removes every process, namespace and file of this run
 # afterwards, also when a check fails or the test is interrupted.
@@ -12,10 +13,8 @@ export VK_IPC_ROOT="$WORK/ipc" VK_LOG_DIR="$WORK" VK_NODE_VAP_MAC=02:00:5e:10:00
 unset VK_LOG_LEVEL
 
 stop_all() {
-    local pid
-    for pid in "${E2E_PIDS[@]}"; do kill -TERM "$pid" 2>/dev/null; done
-    for pid in "${E2E_PIDS[@]}"; do wait "$pid" 2>/dev/null; done
-    E2E_PIDS=()
+    local p; for p in "${E2E_PIDS[@]}"; do kill -TERM "$p" 2>/dev/null; done
+    for p in "${E2E_PIDS[@]}"; do wait "$p" 2>/dev/null; done; E2E_PIDS=()
 }
 e2e_cleanup() {
     stop_all
@@ -28,20 +27,12 @@ trap 'exit 130' INT TERM
 
 pass() { E2E_PASS=$((E2E_PASS + 1)); echo "ok: $1"; }
 fail() { E2E_FAIL=$((E2E_FAIL + 1)); echo "FAILED: $1"; }
-check() {  # check DESCRIPTION COMMAND...
-    local what=$1; shift
-    if "$@"; then pass "$what"; else fail "$what"; fi
-}
-check_eq() {  # check_eq DESCRIPTION ACTUAL EXPECTED
-    if [ "$2" = "$3" ]; then pass "$1"; else fail "$1: got '$2', expected '$3'"; fi
-}
+check() { local what=$1; shift; if "$@"; then pass "$what"; else fail "$what"; fi; }  # check DESCRIPTION COMMAND...
+check_eq() { if [ "$2" = "$3" ]; then pass "$1"; else fail "$1: got '$2', expected '$3'"; fi; }  # DESCRIPTION ACTUAL EXPECTED
 # Runs COMMAND... until it succeeds; the deadline only bounds a hang, it times nothing.
 wait_until() {  # wait_until SECONDS COMMAND...
     local end=$((SECONDS + $1)); shift
-    until "$@"; do
-        [ "$SECONDS" -lt "$end" ] || return 1
-        sleep 0.05
-    done
+    until "$@"; do [ "$SECONDS" -lt "$end" ] || return 1; sleep 0.05; done
 }
 has_line() { grep -qE -- "$2" "$1" 2>/dev/null; }
 count_of() { grep -cE -- "$2" "$1" 2>/dev/null || true; }
@@ -60,12 +51,10 @@ e2e_done() {
 }
 
 # Namespaces for tests that need the link; exit 77 (skipped) when they cannot be made.
-need_netns() {
-    tovrin_netns_up "e2e$$" || { echo "skipped: the link tests need network namespaces"; exit 77; }
-    E2E_NS=1
-}
+need_netns() { tovrin_netns_up "e2e$$" || { echo "skipped: the link tests need network namespaces"; exit 77; }; E2E_NS=1; }
 in_ap() { ip netns exec "$TOVRIN_NS_AP" "$@"; }
 ctl() { "$TOVRINCTL_BIN" "$@"; }
+send() { "$TOVRINCTL_BIN" --timeout 20000 send "$@"; }
 
 # Starts the daemon (in the AP namespace when one is up); waits for its endpoint.
 start_daemon() {
@@ -90,17 +79,12 @@ start_sim() {
 # Gives drav-sim a command and returns once drav-sim has carried it out (it
 # prints a line for each), so nothing the test does next can overtake it.
 sim_cmd() {
-    local want from a=("$@")
+    local want from
     case $1 in
     ack | ka | reg) want="# $1 $2\$" ;;
     dravip) want="DRAVIP addr=$2\$" ;;
-    send)
-        a=("${a[@]:1}")
-        while [ "${a[0]}" = --enc ] || [ "${a[0]}" = --count ]; do
-            if [ "${a[0]}" = --count ]; then a=("${a[@]:2}"); else a=("${a[@]:1}"); fi
-        done
-        want="\\* QUEUE ctlr_trans=[0-9]+ .* src=${a[0]} dst=${a[1]} "
-        ;;
+    send) [[ "$*" =~ ^send( --enc| --count [0-9]+)*\ ([0-9]+)\ ([0-9]+) ]] &&
+        want="\\* QUEUE ctlr_trans=[0-9]+ .* src=${BASH_REMATCH[2]} dst=${BASH_REMATCH[3]} " ;;
     *) echo "sim_cmd: no confirmation known for '$1'"; return 1 ;;
     esac
     from=$(($(wc -l <"$WORK/sim.out") + 1))

@@ -3,6 +3,7 @@
 # registration, keepalives, loss and return as the controller, the local
 # endpoints and the system log see them, and the signals an operator sends.
 # scripts/package-test runs it against the installed programs too.
+# shellcheck source=tests/e2e/lib.sh
 . "$(dirname "$0")/lib.sh"
 
 # --version and --help print and exit 0 at once; the daemon opens nothing for them.
@@ -34,6 +35,7 @@ if [ ! -e /dev/log ]; then
     wait_for "$WORK/syslog.out" '^# catching' && SYSLOG=1
 fi
 TOVRIN_ARGS=(--bogus extra)  # other arguments are ignored
+# shellcheck disable=SC2119 # drav-sim needs no arguments here
 link_up || { fail "link comes up"; e2e_done; exit 1; }
 pass "link comes up and endpoint 101 hears STATUS UP"
 SIM="$WORK/sim.out" LISTEN="$WORK/listen-101.out" LOG="$WORK/tovrin.log"
