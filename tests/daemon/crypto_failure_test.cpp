@@ -1,5 +1,4 @@
-// libcrypto failing under the daemon: its digest calls are interposed here
-// (this executable's definition wins over the shared library's), so a digest
+// libcrypto failing under the daemon (its digest call interposed here): a digest
 // that fails is seen, never compared or sent from a stale buffer.
 #include <dlfcn.h>
 #include <openssl/evp.h>
@@ -8,11 +7,7 @@
 #include "ipc_payloads.h"
 #include "world.h"
 
-namespace {
-
-bool fail_digest = false;
-
-}  // namespace
+static bool fail_digest = false;
 
 extern "C" int EVP_DigestFinal_ex(EVP_MD_CTX *ctx, unsigned char *md, unsigned int *s) {
     using fn_t = int (*)(EVP_MD_CTX *, unsigned char *, unsigned int *);
