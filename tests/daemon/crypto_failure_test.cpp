@@ -4,9 +4,8 @@
 // stale buffer. TOVRIN_TEST_MBEDTLS says which backend this program links.
 #include <dlfcn.h>
 
-#include <cstring>
-
 #include "core/ipc_codes.h"
+#include "ipc_payloads.h"
 #include "world.h"
 
 namespace {
@@ -79,10 +78,7 @@ TEST_F(CryptoFailure, AFailedDigestIsNeitherComparedNorSent) {
     EXPECT_EQ(app_msgs().size(), 1u);
 
     // Sent: nothing goes out with a digest that was not computed.
-    std::vector<uint8_t> on(4);
-    const int32_t one = 1;
-    std::memcpy(on.data(), &one, 4);
-    notify(TOVRIN_IPC_SET_ENCRYPT, on);
+    notify(TOVRIN_IPC_SET_ENCRYPT, word_payload(1));
     fail_digest = true;
     clear_captures();
     mark = log_mark();

@@ -14,13 +14,8 @@
 #include "ipc_payloads.h"
 #include "core/reset.h"
 #include "core/startup.h"
-#include "link/cipher.h"
-#include "link/protect.h"
-#include "link/send_queue.h"
 #include "platform/eloop.h"
 #include "platform/log.h"
-#include "relay/backlog.h"
-#include "relay/relay.h"
 
 std::string strf(const char *fmt, ...) {
     va_list ap;
@@ -32,22 +27,15 @@ std::string strf(const char *fmt, ...) {
 }
 
 std::string hex(const std::vector<uint8_t> &bytes) {
-    static const char *d = "0123456789abcdef";
     std::string s;
-    for (uint8_t b : bytes) {
-        s += d[b >> 4];
-        s += d[b & 15];
-    }
+    for (uint8_t b : bytes) s += strf("%02x", b);
     return s;
 }
 
 std::vector<uint8_t> unhex(const std::string &text) {
     std::vector<uint8_t> out;
-    std::string t;
-    for (char c : text)
-        if (c != ' ') t += c;
-    for (std::size_t i = 0; i + 1 < t.size(); i += 2)
-        out.push_back(static_cast<uint8_t>(std::stoi(t.substr(i, 2), nullptr, 16)));
+    for (std::size_t i = 0; i + 1 < text.size(); i += text[i] == ' ' ? 1 : 2)
+        if (text[i] != ' ') out.push_back(static_cast<uint8_t>(std::stoi(text.substr(i, 2), nullptr, 16)));
     return out;
 }
 
@@ -84,8 +72,7 @@ void World::TearDown() {
     FILE *log = log_file_name;  // ours: the reset forgets it
     tovrin_reset_state();
     if (log != nullptr) std::fclose(log);
-    std::string cmd = "rm -rf '" + log_dir_ + "'";
-    if (std::system(cmd.c_str()) != 0) ADD_FAILURE() << "cannot remove " << log_dir_;
+    if (std::system(("rm -rf '" + log_dir_ + "'").c_str()) != 0) ADD_FAILURE() << "cannot remove " << log_dir_;
     sim::reset();
 }
 
@@ -123,15 +110,10 @@ void World::app_send_hdr(const tovrin_app_msg_t &h, const std::vector<uint8_t> &
 void World::run_answering(uint64_t us) {
     const uint64_t end = sim::now_us() + us;
     while (sim::now_us() < end) {
-        const std::size_t seen = sim::udp_sent().size();
+        const std::size_t seen = sent_with_payload_type(TOVRIN_CTRL_KEEPALIVE).size();
         sim::run_for(std::min<uint64_t>(100 * kMs, end - sim::now_us()));
-        int asked = 0;
-        const auto &all = sim::udp_sent();
-        for (std::size_t i = seen; i < all.size(); ++i)
-            if (all[i].bytes.size() > TOVRIN_HDR_LEN && (all[i].bytes[8] & TOVRIN_F_CTRL) &&
-                all[i].bytes[TOVRIN_HDR_LEN] == TOVRIN_CTRL_KEEPALIVE)
-                ++asked;
-        for (int i = 0; i < asked; ++i) from_ctrl(ka_response(), tovrin_gbl.drav_ip);
+        const std::size_t asked = sent_with_payload_type(TOVRIN_CTRL_KEEPALIVE).size();
+        for (std::size_t i = seen; i < asked; ++i) from_ctrl(ka_response(), tovrin_gbl.drav_ip);
     }
 }
 
@@ -181,21 +163,20 @@ std::vector<AppSeen> World::app_msgs_to(const std::string &peer) const {
 
 std::string World::log_text() const {
     if (log_file_name != nullptr) std::fflush(log_file_name);
-    std::ifstream f(log_dir_ + "/tovrin.log");
     std::stringstream ss;
-    ss << f.rdbuf();
+    ss << std::ifstream(log_dir_ + "/tovrin.log").rdbuf();
     return ss.str();
 }
 
 int World::log_count(const std::string &s) const {
-    std::string t = log_text();
+    const std::string t = log_text();
     int n = 0;
     for (std::size_t p = t.find(s); p != std::string::npos; p = t.find(s, p + 1)) ++n;
     return n;
 }
 
 std::string World::log_since(std::size_t mark) const {
-    std::string t = log_text();
+    const std::string t = log_text();
     return mark < t.size() ? t.substr(mark) : std::string();
 }
 

@@ -23,8 +23,7 @@ inline constexpr uint64_t kMs = 1000;
 // printf into a string, for expected log lines.
 std::string strf(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
-// Hex text of bytes, lower case, no separators.
-std::string hex(const std::vector<uint8_t> &bytes);
+std::string hex(const std::vector<uint8_t> &bytes);  // lower case, no separators
 std::vector<uint8_t> unhex(const std::string &text);
 
 // Decoded view of an IPC application message (type 123) sent by the daemon.
@@ -42,7 +41,7 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // Sends a notification / request to the daemon and lets it run.
+    // A notification / request to the daemon, handled at once.
     void notify(uint32_t type, const std::vector<uint8_t> &payload, const std::string &from = "/vk/ipc/test");
     void request(uint32_t type, const std::vector<uint8_t> &payload, const std::string &from = "/vk/ipc/test");
     // Notification 149 with addr.
@@ -58,15 +57,14 @@ protected:
     void app_send_hdr(const tovrin_app_msg_t &h, const std::vector<uint8_t> &data);
     void set_key(const std::vector<uint8_t> &key);
     void set_level(int level);
-    // Runs the world for us while the controller answers every keepalive at once,
-    // so that only the behaviour under test can take the link down.
+    // Runs the world while the controller answers every keepalive at once.
     void run_answering(uint64_t us);
     // Datagrams of data messages sent since the last clear: no control packets, no acks.
     std::vector<sim::Datagram> data_sent() const;
     // The link record's bytes: equal before and after means nothing in it changed.
     static std::vector<uint8_t> link_bytes();
 
-    // Datagrams sent since the last clear, optionally only those with these frame flags.
+    // Datagrams sent since the last clear.
     std::vector<sim::Datagram> sent() const { return sim::udp_sent(); }
     std::vector<sim::Datagram> sent_with_payload_type(uint8_t ctrl_type) const;
     // Virtual times (relative to t0) of the sent datagrams whose control type is ctrl_type.
@@ -74,11 +72,10 @@ protected:
     // Application messages the daemon sent over IPC, decoded.
     std::vector<AppSeen> app_msgs() const;
     std::vector<AppSeen> app_msgs_to(const std::string &peer) const;
-    // The log file's text so far, and whether it contains s.
+    // The log file's text so far, whether it contains s, a mark of its end, the text after one.
     std::string log_text() const;
     bool logged(const std::string &s) const { return log_text().find(s) != std::string::npos; }
     int log_count(const std::string &s) const;
-    // Where the log ends now, and the text written after such a mark.
     std::size_t log_mark() const { return log_text().size(); }
     std::string log_since(std::size_t mark) const;
     void clear_captures();

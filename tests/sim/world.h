@@ -14,21 +14,18 @@
 
 namespace sim {
 
-// Fake descriptors start here so they never clash with real ones a test holds,
-// and stay below FD_SETSIZE so FD_SET works on them.
+// Fake descriptors: clear of real ones a test holds, below FD_SETSIZE.
 inline constexpr int kFirstFd = 100;
 inline constexpr int kLastFd = 1023;
 inline constexpr uint16_t kLinkPort = 6650;
 inline constexpr uint16_t kFirstEphemeralPort = 40000;
-// What the kernel gives a Unix datagram socket: a send budget (wmem_default)
-// against which every datagram is charged, with its bookkeeping, until its
-// receiver reads it; and net.unix.max_dgram_qlen (a receiver takes one more).
+// A Unix datagram socket's send budget (wmem_default), charged per datagram with its
+// bookkeeping until read, and net.unix.max_dgram_qlen (a receiver takes one more).
 inline constexpr std::size_t kIpcSendBudget = 212992;
 inline constexpr std::size_t kIpcDatagramOverhead = 576;
 inline constexpr std::size_t kIpcDefaultQueueLen = 10;
 
-// One datagram waiting to be read. seq orders input across every socket, so
-// readable sockets are handled in injection order.
+// A datagram waiting to be read; seq keeps injection order across sockets.
 struct Pending {
     uint64_t seq;
     std::vector<uint8_t> bytes;
@@ -105,15 +102,13 @@ World &world();
 // Lowest free fake descriptor, or -1 when all are taken.
 int alloc_fd();
 Socket *find_socket(int fd);
-// Drops the socket and its read registration, as closing a descriptor drops
-// it from an epoll set. Returns false when fd is not open.
+// Drops the socket and its registrations; false when fd is not open.
 bool close_fd(int fd);
 // Queues input on fd, stamped with the next injection number.
 void push_input(Socket &s, Pending p);
 // Descriptor of the IPC endpoint at path, or -1.
 int ipc_fd_of(const std::string &path);
-// Whether a send on fd would find room now: its own budget and, for an IPC
-// sending socket, its receiver's queue. UDP sockets always have room.
+// Whether a send on fd finds room now (its budget, an IPC receiver's queue).
 bool writable(int fd);
 // Takes a read or dropped datagram's charge off its sender's budget.
 void uncharge(const Pending &p);
