@@ -50,11 +50,13 @@ void tovrin_handle_vk_ipc(int sock, void * /*eloop_ctx*/, void * /*sock_ctx*/) {
     vk_ipc_recv_desc_t rec{};
     rec.handle = &tovrin_ipc;
     rec.msg = &msg;
-    fd_set set;
-    FD_ZERO(&set);
+    // Empty but while a read is made: clearing the whole set per message is not needed.
+    static fd_set set;
     FD_SET(sock, &set);
     uint8_t received = 0;
-    if (vk_ipc_recv_large(&set, &rec, &received) < 0) {
+    const int r = vk_ipc_recv_large(&set, &rec, &received);
+    FD_CLR(sock, &set);
+    if (r < 0) {
         tovrin_refused(TOVRIN_REFUSED_IPC_RECEIVE_ERROR);
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "vk_ipc_recv error %d\n", errno);
     }

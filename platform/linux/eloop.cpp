@@ -271,14 +271,20 @@ void dispatch(const epoll_event &ev) {
     const uint32_t gen = uint32_t(ev.data.u64 >> 32);
     // An error or hang-up wakes whichever watch there is, whose call then sees it.
     const bool err = ev.events & (EPOLLERR | EPOLLHUP);
-    for (Watch Sock::*w : {&Sock::read, &Sock::write}) {
-        auto it = find_sock(fd);
-        // Unregistered or replaced by a handler that ran earlier in this round.
+    const bool readable = err || (ev.events & EPOLLIN), writable = err || (ev.events & EPOLLOUT);
+    // Unregistered or replaced by a handler that ran earlier in this round.
+    auto it = find_sock(fd);
+    if (it == socks.end() || it->gen != gen || terminating) return;
+    if (readable && it->read.handler) {
+        const Watch watch = it->read;
+        watch.handler(fd, watch.eloop_ctx, watch.sock_ctx);
+        // The handler may have changed the table: the write watch is looked up again.
+        if (!writable) return;
+        it = find_sock(fd);
         if (it == socks.end() || it->gen != gen || terminating) return;
-        const uint32_t want = w == &Sock::read ? EPOLLIN : EPOLLOUT;
-        const Watch watch = (*it).*w;
-        if (watch.handler && ((ev.events & want) || err)) watch.handler(fd, watch.eloop_ctx, watch.sock_ctx);
     }
+    const Watch watch = it->write;
+    if (writable && watch.handler) watch.handler(fd, watch.eloop_ctx, watch.sock_ctx);
 }
 
 }  // namespace

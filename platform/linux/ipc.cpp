@@ -185,19 +185,32 @@ int connect_peer(int fd, const Addr &a) {
     return connect(fd, reinterpret_cast<const sockaddr *>(&a.un), a.len) == 0 ? 0 : errno;
 }
 
+// The slot of h's sending socket for peer, or null. The slot that answered last
+// is tried first: a delivery is mostly to the endpoint the one before went to.
+PeerSock *last_peer = nullptr;
+
+PeerSock *find_peer(const vk_ipc_handle_t *h, const char (&peer)[VK_IPC_PATH_MAX]) {
+    if (last_peer && last_peer->owner == h && std::strncmp(last_peer->peer, peer, VK_IPC_PATH_MAX) == 0)
+        return last_peer;
+    for (PeerSock &p : peer_socks)
+        if (p.owner == h && std::strncmp(p.peer, peer, VK_IPC_PATH_MAX) == 0) return last_peer = &p;
+    return nullptr;
+}
+
 // The connected sending socket of h for peer, made on first use. -1 with errno.
+// A peer found in the table passed make_addr when its socket was made, so
+// the address is only built for a new one.
 int peer_sock(vk_ipc_handle_t *h, const char (&peer)[VK_IPC_PATH_MAX]) {
+    if (PeerSock *p = find_peer(h, peer)) {
+        p->used = ++peer_clock;
+        return p->fd;
+    }
     Addr a;
     if (const int err = make_addr(peer, handle_root(h), a)) return fail(err);
     if (h->sock < 0) return fail(EBADF);
     PeerSock *slot = &peer_socks[0];
-    for (PeerSock &p : peer_socks) {
-        if (p.owner == h && std::strncmp(p.peer, peer, VK_IPC_PATH_MAX) == 0) {
-            p.used = ++peer_clock;
-            return p.fd;
-        }
+    for (PeerSock &p : peer_socks)
         if (slot->owner && (!p.owner || p.used < slot->used)) slot = &p;
-    }
     if (slot->owner) drop_peer(*slot);
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0) return -1;
