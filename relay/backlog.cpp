@@ -197,12 +197,11 @@ void keep(peer_t &p, const vk_ipc_send_desc_t *d) {
 
 }  // namespace
 
-int tovrin_ipc_deliver(const vk_ipc_send_desc_t *d) {
+int tovrin_ipc_deliver(vk_ipc_send_desc_t *d) {
     if (!ready) init_lists();
     peer_t *p = find_peer(d->peer);
     if (p == nullptr) {
-        vk_ipc_send_desc_t copy = *d;
-        if (vk_ipc_send_large(&copy) == 0) {
+        if (vk_ipc_send_large(d) == 0) {
             tovrin_counters_local_sent(d->msg);
             return 0;
         }

@@ -126,8 +126,11 @@ uint64_t now_ns() { return clock_fn ? clock_fn() : monotonic_ns(); }
 
 uint64_t sock_tag(const Sock &r) { return (uint64_t(r.gen) << 32) | uint32_t(r.sock); }
 
+// A plain loop: the table holds two or three sockets, too few for an unrolled search to pay.
 Sock *find_sock(int sock) {
-    return std::find_if(socks.begin(), socks.end(), [sock](const Sock &r) { return r.sock == sock; });
+    Sock *r = socks.begin();
+    while (r != socks.end() && r->sock != sock) ++r;
+    return r;
 }
 
 uint32_t events_of(const Sock &r) { return (r.read.handler ? EPOLLIN : 0u) | (r.write.handler ? EPOLLOUT : 0u); }
@@ -231,8 +234,8 @@ void run_due_timeouts() {
     const uint64_t now = now_ns();
     const uint64_t seq_limit = next_seq;
     while (!terminating && !timeouts.empty()) {
+        if (timeouts.back().due_ns > now || timeouts.back().seq >= seq_limit) break;
         const Timeout t = timeouts.back();
-        if (t.due_ns > now || t.seq >= seq_limit) break;
         timeouts.pop_back();  // before the call: the handler may cancel or re-arm
         t.handler(t.eloop_ctx, t.user_ctx);
     }
@@ -352,8 +355,9 @@ int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs, vk_eloop_ti
     const uint64_t due = now_ns() + uint64_t(secs) * NS_PER_S + uint64_t(usecs) * NS_PER_US;
     const Timeout t{due, next_seq++, handler, eloop_ctx, user_ctx};
     // In front of every equal expiry: those were registered earlier and run first.
-    auto pos =
-        std::partition_point(timeouts.begin(), timeouts.end(), [due](const Timeout &o) { return o.due_ns > due; });
+    // A linear search: the table holds a handful, and the insert moves the rest anyway.
+    Timeout *pos = timeouts.begin();
+    while (pos != timeouts.end() && pos->due_ns > due) ++pos;
     if (!timeouts.insert(pos, t)) {
         errno = ENOMEM;
         return -1;
@@ -362,13 +366,18 @@ int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs, vk_eloop_ti
 }
 
 int vk_eloop_cancel_timeout(vk_eloop_timeout_handler handler, void *eloop_ctx, void *user_ctx) {
-    auto matches = [&](const Timeout &t) {
-        return t.handler == handler && (eloop_ctx == VK_ELOOP_ANY || t.eloop_ctx == eloop_ctx) &&
-               (user_ctx == VK_ELOOP_ANY || t.user_ctx == user_ctx);
-    };
-    auto first = std::remove_if(timeouts.begin(), timeouts.end(), matches);
-    const int removed = int(timeouts.end() - first);
-    timeouts.erase(first, timeouts.end());
+    const bool any_eloop = eloop_ctx == VK_ELOOP_ANY, any_user = user_ctx == VK_ELOOP_ANY;
+    // The others keep their order, so equal expiries still run as registered.
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < timeouts.size; ++i) {
+        const Timeout &t = timeouts.at[i];
+        if (t.handler == handler && (any_eloop || t.eloop_ctx == eloop_ctx) && (any_user || t.user_ctx == user_ctx))
+            continue;
+        if (kept != i) timeouts.at[kept] = t;
+        ++kept;
+    }
+    const int removed = int(timeouts.size - kept);
+    timeouts.size = kept;
     return removed;
 }
 

@@ -134,8 +134,10 @@ void sender_path(const sockaddr_un &from, socklen_t flen, std::string_view root,
     constexpr std::size_t base = offsetof(sockaddr_un, sun_path);
     if (flen <= base) return;
     const std::size_t max = std::min<std::size_t>(flen - base, sizeof from.sun_path);
-    std::string_view p(from.sun_path, strnlen(from.sun_path, max));
-    if (from.sun_path[0] == '\0') {
+    std::string_view p;
+    if (from.sun_path[0] != '\0') {
+        p = std::string_view(from.sun_path, strnlen(from.sun_path, max));
+    } else {
         const std::string_view name(from.sun_path + 1, max - 1);
         const std::size_t hash = name.rfind('#');
         if (!name.starts_with(SENDER_TAG) || hash == std::string_view::npos) return;
@@ -317,7 +319,7 @@ int vk_ipc_recv_large(fd_set *set, vk_ipc_recv_desc_t *rec, uint8_t *received) {
     const int s = rec->handle->sock;
     if (s < 0) return fail(EBADF);
     if (!set || s >= FD_SETSIZE || !FD_ISSET(s, set)) return 0;
-    sockaddr_un from{};
+    sockaddr_un from;  // not cleared: only the flen bytes the kernel fills are read
     socklen_t flen = sizeof from;
     // MSG_TRUNC makes n the datagram's real length, so oversize is seen.
     const ssize_t n =
