@@ -83,8 +83,7 @@ struct Table {
     T *begin() { return at; }
     T *end() { return at + size; }
     bool empty() const { return size == 0; }
-    T &back() { return at[size - 1]; }
-    void pop_back() { --size; }
+    T &front() { return at[0]; }
     void clear() { size = 0; }
     bool reserve(std::size_t n) {
         if (n <= cap) return true;
@@ -97,7 +96,7 @@ struct Table {
     bool insert(T *pos, const T &t) {
         const std::size_t i = std::size_t(pos - at);
         if (size == cap && !reserve(cap ? cap * 2 : 8)) return false;
-        std::memmove(at + i + 1, at + i, (size - i) * sizeof(T));
+        if (i < size) std::memmove(at + i + 1, at + i, (size - i) * sizeof(T));
         at[i] = t;
         ++size;
         return true;
@@ -110,8 +109,10 @@ struct Table {
     void erase(T *pos) { erase(pos, pos + 1); }
 };
 
-// Latest expiry first, so the next one due sits at the back and firing it is a
-// pop_back; among equal expiries the earliest registered is nearest the back.
+// Earliest expiry first, and among equal expiries the earliest registered.
+// A new timeout is nearly always the latest (a retransmission or keepalive a
+// second ahead), so registering one appends it and cancelling it on the
+// acknowledgement moves nothing; firing, once a second or so, takes the front.
 Table<Timeout> timeouts;
 Table<Sock> socks;
 vk_eloop_clock_fn clock_fn = nullptr;
@@ -211,7 +212,7 @@ int wait_events(std::array<epoll_event, MAX_EVENTS> &events) {
     const bool forever = timeouts.empty();
     uint64_t remaining = 0;
     if (!forever) {
-        const uint64_t due = timeouts.back().due_ns;
+        const uint64_t due = timeouts.front().due_ns;
         const uint64_t now = now_ns();
         remaining = due > now ? due - now : 0;
     }
@@ -234,9 +235,9 @@ void run_due_timeouts() {
     const uint64_t now = now_ns();
     const uint64_t seq_limit = next_seq;
     while (!terminating && !timeouts.empty()) {
-        if (timeouts.back().due_ns > now || timeouts.back().seq >= seq_limit) break;
-        const Timeout t = timeouts.back();
-        timeouts.pop_back();  // before the call: the handler may cancel or re-arm
+        if (timeouts.front().due_ns > now || timeouts.front().seq >= seq_limit) break;
+        const Timeout t = timeouts.front();
+        timeouts.erase(timeouts.begin());  // before the call: the handler may cancel or re-arm
         t.handler(t.eloop_ctx, t.user_ctx);
     }
 }
@@ -354,10 +355,10 @@ int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs, vk_eloop_ti
     }
     const uint64_t due = now_ns() + uint64_t(secs) * NS_PER_S + uint64_t(usecs) * NS_PER_US;
     const Timeout t{due, next_seq++, handler, eloop_ctx, user_ctx};
-    // In front of every equal expiry: those were registered earlier and run first.
-    // A linear search: the table holds a handful, and the insert moves the rest anyway.
-    Timeout *pos = timeouts.begin();
-    while (pos != timeouts.end() && pos->due_ns > due) ++pos;
+    // Behind every equal expiry: those were registered earlier and run first.
+    // Searched from the end, where a new timeout nearly always belongs.
+    Timeout *pos = timeouts.end();
+    while (pos != timeouts.begin() && (pos - 1)->due_ns > due) --pos;
     if (!timeouts.insert(pos, t)) {
         errno = ENOMEM;
         return -1;
