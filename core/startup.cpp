@@ -47,14 +47,17 @@ void tovrin_handle_vk_ipc(int sock, void * /*eloop_ctx*/, void * /*sock_ctx*/) {
     // One receive buffer for the life of the process: the callback never nests,
     // and a 16 KB block is better kept off small stacks.
     static vk_ipc_msg_t msg;
-    vk_ipc_recv_desc_t rec{};
+    vk_ipc_recv_desc_t rec;  // the receive fills sender
     rec.handle = &tovrin_ipc;
     rec.msg = &msg;
-    fd_set set;
-    FD_ZERO(&set);
+    rec.sender[0] = '\0';
+    // Empty but while a read is made: clearing the whole set per message is not needed.
+    static fd_set set;
     FD_SET(sock, &set);
     uint8_t received = 0;
-    if (vk_ipc_recv_large(&set, &rec, &received) < 0) {
+    const int r = vk_ipc_recv_large(&set, &rec, &received);
+    FD_CLR(sock, &set);
+    if (r < 0) {
         tovrin_refused(TOVRIN_REFUSED_IPC_RECEIVE_ERROR);
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "vk_ipc_recv error %d\n", errno);
     }

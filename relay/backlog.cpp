@@ -40,6 +40,8 @@ waiting_t msgs[TOVRIN_BACKLOG_MAX_MSGS];
 uint16_t free_msg = NONE;
 peer_t peers[TOVRIN_BACKLOG_MAX_PEERS];
 std::size_t msg_count = 0, byte_count = 0;
+// Slots of peers in use: none most of the time, and a delivery then compares no path.
+std::size_t peers_in_use = 0;
 bool ready = false;
 // One envelope in one piece for the send; sends never nest and 16 KB stays off the stack.
 vk_ipc_msg_t out;
@@ -51,7 +53,7 @@ void init_lists() {
         msgs[i].next = i + 1 < TOVRIN_BACKLOG_MAX_MSGS ? uint16_t(i + 1) : NONE;
     free_msg = 0;
     for (peer_t &p : peers) p = peer_t{{}, -1, NONE, NONE};
-    msg_count = byte_count = 0;
+    msg_count = byte_count = peers_in_use = 0;
     ready = true;
 }
 
@@ -59,6 +61,7 @@ void init_lists() {
 bool is_full(int err) { return err == EAGAIN || err == EWOULDBLOCK || err == ENOBUFS; }
 
 peer_t *find_peer(const char *path) {
+    if (peers_in_use == 0) return nullptr;
     for (peer_t &p : peers)
         if (p.path[0] != '\0' && std::strncmp(p.path, path, VK_IPC_PATH_MAX) == 0) return &p;
     return nullptr;
@@ -118,6 +121,7 @@ void release(peer_t &p) {
     vk_eloop_unregister_write_sock(p.fd);
     vk_eloop_cancel_timeout(on_stuck, nullptr, &p);
     p = peer_t{{}, -1, NONE, NONE};
+    --peers_in_use;
 }
 
 // Two seconds from now, unless the endpoint takes something first.
@@ -193,12 +197,11 @@ void keep(peer_t &p, const vk_ipc_send_desc_t *d) {
 
 }  // namespace
 
-int tovrin_ipc_deliver(const vk_ipc_send_desc_t *d) {
+int tovrin_ipc_deliver(vk_ipc_send_desc_t *d) {
     if (!ready) init_lists();
     peer_t *p = find_peer(d->peer);
     if (p == nullptr) {
-        vk_ipc_send_desc_t copy = *d;
-        if (vk_ipc_send_large(&copy) == 0) {
+        if (vk_ipc_send_large(d) == 0) {
             tovrin_counters_local_sent(d->msg);
             return 0;
         }
@@ -227,6 +230,7 @@ int tovrin_ipc_deliver(const vk_ipc_send_desc_t *d) {
         std::memcpy(p->path, d->peer, sizeof p->path);
         p->path[sizeof p->path - 1] = '\0';
         p->fd = fd;
+        ++peers_in_use;
         restart_stuck_timer(*p);
     } else if (!tovrin_backlog_has_room(d->msg->len)) {
         drop_note(d->msg, d->peer, "too many waiting", TOVRIN_REFUSED_DELIVERY_ROOM_FULL);

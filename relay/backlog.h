@@ -28,7 +28,7 @@ inline constexpr unsigned TOVRIN_BACKLOG_STUCK_US = 2000000;
 // receiver). Returns 0 when sent or kept for later, else -1 with errno as the
 // platform gave it (an endpoint that is not there is not waited for), or
 // ENOBUFS when it could not wait.
-int tovrin_ipc_deliver(const vk_ipc_send_desc_t *d);
+int tovrin_ipc_deliver(vk_ipc_send_desc_t *d);
 // Whether a message of len payload bytes could still wait if it had to. A
 // controller message that could not is left unacknowledged, so the
 // controller sends it again later: the only pace the link can put on it.

@@ -33,7 +33,7 @@ void tovrin_send_app(int32_t e, const tovrin_app_msg_t *h, const uint8_t *data) 
         std::memcpy(msg.payload + TOVRIN_APP_HDR_LEN, data, h->len);
         msg.len += h->len;
     }
-    vk_ipc_send_desc_t desc{};
+    vk_ipc_send_desc_t desc;  // every field set below
     desc.handle = &tovrin_ipc;
     desc.msg = &msg;
     std::memcpy(desc.peer, ep->path, sizeof desc.peer);

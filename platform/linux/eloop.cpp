@@ -83,8 +83,7 @@ struct Table {
     T *begin() { return at; }
     T *end() { return at + size; }
     bool empty() const { return size == 0; }
-    T &back() { return at[size - 1]; }
-    void pop_back() { --size; }
+    T &front() { return at[0]; }
     void clear() { size = 0; }
     bool reserve(std::size_t n) {
         if (n <= cap) return true;
@@ -97,7 +96,7 @@ struct Table {
     bool insert(T *pos, const T &t) {
         const std::size_t i = std::size_t(pos - at);
         if (size == cap && !reserve(cap ? cap * 2 : 8)) return false;
-        std::memmove(at + i + 1, at + i, (size - i) * sizeof(T));
+        if (i < size) std::memmove(at + i + 1, at + i, (size - i) * sizeof(T));
         at[i] = t;
         ++size;
         return true;
@@ -110,8 +109,10 @@ struct Table {
     void erase(T *pos) { erase(pos, pos + 1); }
 };
 
-// Latest expiry first, so the next one due sits at the back and firing it is a
-// pop_back; among equal expiries the earliest registered is nearest the back.
+// Earliest expiry first, and among equal expiries the earliest registered.
+// A new timeout is nearly always the latest (a retransmission or keepalive a
+// second ahead), so registering one appends it and cancelling it on the
+// acknowledgement moves nothing; firing, once a second or so, takes the front.
 Table<Timeout> timeouts;
 Table<Sock> socks;
 vk_eloop_clock_fn clock_fn = nullptr;
@@ -126,8 +127,11 @@ uint64_t now_ns() { return clock_fn ? clock_fn() : monotonic_ns(); }
 
 uint64_t sock_tag(const Sock &r) { return (uint64_t(r.gen) << 32) | uint32_t(r.sock); }
 
+// A plain loop: the table holds two or three sockets, too few for an unrolled search to pay.
 Sock *find_sock(int sock) {
-    return std::find_if(socks.begin(), socks.end(), [sock](const Sock &r) { return r.sock == sock; });
+    Sock *r = socks.begin();
+    while (r != socks.end() && r->sock != sock) ++r;
+    return r;
 }
 
 uint32_t events_of(const Sock &r) { return (r.read.handler ? EPOLLIN : 0u) | (r.write.handler ? EPOLLOUT : 0u); }
@@ -208,7 +212,7 @@ int wait_events(std::array<epoll_event, MAX_EVENTS> &events) {
     const bool forever = timeouts.empty();
     uint64_t remaining = 0;
     if (!forever) {
-        const uint64_t due = timeouts.back().due_ns;
+        const uint64_t due = timeouts.front().due_ns;
         const uint64_t now = now_ns();
         remaining = due > now ? due - now : 0;
     }
@@ -231,9 +235,9 @@ void run_due_timeouts() {
     const uint64_t now = now_ns();
     const uint64_t seq_limit = next_seq;
     while (!terminating && !timeouts.empty()) {
-        const Timeout t = timeouts.back();
-        if (t.due_ns > now || t.seq >= seq_limit) break;
-        timeouts.pop_back();  // before the call: the handler may cancel or re-arm
+        if (timeouts.front().due_ns > now || timeouts.front().seq >= seq_limit) break;
+        const Timeout t = timeouts.front();
+        timeouts.erase(timeouts.begin());  // before the call: the handler may cancel or re-arm
         t.handler(t.eloop_ctx, t.user_ctx);
     }
 }
@@ -271,14 +275,20 @@ void dispatch(const epoll_event &ev) {
     const uint32_t gen = uint32_t(ev.data.u64 >> 32);
     // An error or hang-up wakes whichever watch there is, whose call then sees it.
     const bool err = ev.events & (EPOLLERR | EPOLLHUP);
-    for (Watch Sock::*w : {&Sock::read, &Sock::write}) {
-        auto it = find_sock(fd);
-        // Unregistered or replaced by a handler that ran earlier in this round.
+    const bool readable = err || (ev.events & EPOLLIN), writable = err || (ev.events & EPOLLOUT);
+    // Unregistered or replaced by a handler that ran earlier in this round.
+    auto it = find_sock(fd);
+    if (it == socks.end() || it->gen != gen || terminating) return;
+    if (readable && it->read.handler) {
+        const Watch watch = it->read;
+        watch.handler(fd, watch.eloop_ctx, watch.sock_ctx);
+        // The handler may have changed the table: the write watch is looked up again.
+        if (!writable) return;
+        it = find_sock(fd);
         if (it == socks.end() || it->gen != gen || terminating) return;
-        const uint32_t want = w == &Sock::read ? EPOLLIN : EPOLLOUT;
-        const Watch watch = (*it).*w;
-        if (watch.handler && ((ev.events & want) || err)) watch.handler(fd, watch.eloop_ctx, watch.sock_ctx);
     }
+    const Watch watch = it->write;
+    if (writable && watch.handler) watch.handler(fd, watch.eloop_ctx, watch.sock_ctx);
 }
 
 }  // namespace
@@ -345,9 +355,10 @@ int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs, vk_eloop_ti
     }
     const uint64_t due = now_ns() + uint64_t(secs) * NS_PER_S + uint64_t(usecs) * NS_PER_US;
     const Timeout t{due, next_seq++, handler, eloop_ctx, user_ctx};
-    // In front of every equal expiry: those were registered earlier and run first.
-    auto pos =
-        std::partition_point(timeouts.begin(), timeouts.end(), [due](const Timeout &o) { return o.due_ns > due; });
+    // Behind every equal expiry: those were registered earlier and run first.
+    // Searched from the end, where a new timeout nearly always belongs.
+    Timeout *pos = timeouts.end();
+    while (pos != timeouts.begin() && (pos - 1)->due_ns > due) --pos;
     if (!timeouts.insert(pos, t)) {
         errno = ENOMEM;
         return -1;
@@ -356,13 +367,18 @@ int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs, vk_eloop_ti
 }
 
 int vk_eloop_cancel_timeout(vk_eloop_timeout_handler handler, void *eloop_ctx, void *user_ctx) {
-    auto matches = [&](const Timeout &t) {
-        return t.handler == handler && (eloop_ctx == VK_ELOOP_ANY || t.eloop_ctx == eloop_ctx) &&
-               (user_ctx == VK_ELOOP_ANY || t.user_ctx == user_ctx);
-    };
-    auto first = std::remove_if(timeouts.begin(), timeouts.end(), matches);
-    const int removed = int(timeouts.end() - first);
-    timeouts.erase(first, timeouts.end());
+    const bool any_eloop = eloop_ctx == VK_ELOOP_ANY, any_user = user_ctx == VK_ELOOP_ANY;
+    // The others keep their order, so equal expiries still run as registered.
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < timeouts.size; ++i) {
+        const Timeout &t = timeouts.at[i];
+        if (t.handler == handler && (any_eloop || t.eloop_ctx == eloop_ctx) && (any_user || t.user_ctx == user_ctx))
+            continue;
+        if (kept != i) timeouts.at[kept] = t;
+        ++kept;
+    }
+    const int removed = int(timeouts.size - kept);
+    timeouts.size = kept;
     return removed;
 }
 

@@ -134,8 +134,10 @@ void sender_path(const sockaddr_un &from, socklen_t flen, std::string_view root,
     constexpr std::size_t base = offsetof(sockaddr_un, sun_path);
     if (flen <= base) return;
     const std::size_t max = std::min<std::size_t>(flen - base, sizeof from.sun_path);
-    std::string_view p(from.sun_path, strnlen(from.sun_path, max));
-    if (from.sun_path[0] == '\0') {
+    std::string_view p;
+    if (from.sun_path[0] != '\0') {
+        p = std::string_view(from.sun_path, strnlen(from.sun_path, max));
+    } else {
         const std::string_view name(from.sun_path + 1, max - 1);
         const std::size_t hash = name.rfind('#');
         if (!name.starts_with(SENDER_TAG) || hash == std::string_view::npos) return;
@@ -185,19 +187,32 @@ int connect_peer(int fd, const Addr &a) {
     return connect(fd, reinterpret_cast<const sockaddr *>(&a.un), a.len) == 0 ? 0 : errno;
 }
 
+// The slot of h's sending socket for peer, or null. The slot that answered last
+// is tried first: a delivery is mostly to the endpoint the one before went to.
+PeerSock *last_peer = nullptr;
+
+PeerSock *find_peer(const vk_ipc_handle_t *h, const char (&peer)[VK_IPC_PATH_MAX]) {
+    if (last_peer && last_peer->owner == h && std::strncmp(last_peer->peer, peer, VK_IPC_PATH_MAX) == 0)
+        return last_peer;
+    for (PeerSock &p : peer_socks)
+        if (p.owner == h && std::strncmp(p.peer, peer, VK_IPC_PATH_MAX) == 0) return last_peer = &p;
+    return nullptr;
+}
+
 // The connected sending socket of h for peer, made on first use. -1 with errno.
+// A peer found in the table passed make_addr when its socket was made, so
+// the address is only built for a new one.
 int peer_sock(vk_ipc_handle_t *h, const char (&peer)[VK_IPC_PATH_MAX]) {
+    if (PeerSock *p = find_peer(h, peer)) {
+        p->used = ++peer_clock;
+        return p->fd;
+    }
     Addr a;
     if (const int err = make_addr(peer, handle_root(h), a)) return fail(err);
     if (h->sock < 0) return fail(EBADF);
     PeerSock *slot = &peer_socks[0];
-    for (PeerSock &p : peer_socks) {
-        if (p.owner == h && std::strncmp(p.peer, peer, VK_IPC_PATH_MAX) == 0) {
-            p.used = ++peer_clock;
-            return p.fd;
-        }
+    for (PeerSock &p : peer_socks)
         if (slot->owner && (!p.owner || p.used < slot->used)) slot = &p;
-    }
     if (slot->owner) drop_peer(*slot);
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0) return -1;
@@ -304,7 +319,7 @@ int vk_ipc_recv_large(fd_set *set, vk_ipc_recv_desc_t *rec, uint8_t *received) {
     const int s = rec->handle->sock;
     if (s < 0) return fail(EBADF);
     if (!set || s >= FD_SETSIZE || !FD_ISSET(s, set)) return 0;
-    sockaddr_un from{};
+    sockaddr_un from;  // not cleared: only the flen bytes the kernel fills are read
     socklen_t flen = sizeof from;
     // MSG_TRUNC makes n the datagram's real length, so oversize is seen.
     const ssize_t n =

@@ -35,11 +35,38 @@ extern "C" psa_status_t psa_hash_compute(psa_algorithm_t alg, const uint8_t *in,
     return fail_digest ? PSA_ERROR_HARDWARE_FAILURE : fn(alg, in, len, out, size, n);
 }
 #else
-#include <openssl/evp.h>
+#include <openssl/core_dispatch.h>
+#include <openssl/provider.h>
 
-extern "C" int EVP_DigestFinal_ex(EVP_MD_CTX *ctx, unsigned char *md, unsigned int *s) {
-    static const auto fn = real<int (*)(EVP_MD_CTX *, unsigned char *, unsigned int *)>("EVP_DigestFinal_ex");
-    return fail_digest ? 0 : fn(ctx, md, s);
+#include <cstring>
+
+// The backend calls MD5's final step as the provider's table gives it: the
+// table handed out here is the provider's, that step passing through final_or_fail.
+OSSL_FUNC_digest_final_fn *md5_final = nullptr;
+int final_or_fail(void *ctx, unsigned char *out, size_t *n, size_t size) {
+    return fail_digest ? 0 : md5_final(ctx, out, n, size);
+}
+extern "C" const OSSL_ALGORITHM *OSSL_PROVIDER_query_operation(const OSSL_PROVIDER *prov, int op, int *no_store) {
+    static const auto fn = real<const OSSL_ALGORITHM *(*)(const OSSL_PROVIDER *, int, int *)>(__func__);
+    static OSSL_ALGORITHM algs[64];
+    static OSSL_DISPATCH md5[32];
+    const OSSL_ALGORITHM *got = fn(prov, op, no_store);
+    if (op != OSSL_OP_DIGEST || got == nullptr) return got;
+    std::size_t i = 0, j = 0;
+    for (; got[i].algorithm_names != nullptr && i + 1 < std::size(algs); ++i) {
+        algs[i] = got[i];
+        if (std::strncmp(got[i].algorithm_names, "MD5:", 4) != 0) continue;
+        for (j = 0; got[i].implementation[j].function_id != 0 && j + 1 < std::size(md5); ++j) {
+            md5[j] = got[i].implementation[j];
+            if (md5[j].function_id != OSSL_FUNC_DIGEST_FINAL) continue;
+            md5_final = OSSL_FUNC_digest_final(&md5[j]);
+            md5[j].function = reinterpret_cast<void (*)()>(final_or_fail);
+        }
+        md5[j] = {};
+        algs[i].implementation = md5;
+    }
+    algs[i] = {};
+    return algs;
 }
 #endif
 

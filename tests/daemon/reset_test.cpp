@@ -57,6 +57,7 @@ const bool kStartTaken = [] {
 // Function-local statics that carry nothing from one call to the next.
 const std::set<std::string> kScratch = {
     "tovrin_handle_vk_ipc(int, void*, void*)::msg",
+    "tovrin_handle_vk_ipc(int, void*, void*)::set",
     "tovrin_proc_reqresp(vk_ipc_msg_t const*, char const*)::resp",
     "tovrin_tx_msg(tovrin_link_t*, int)::scratch",
     "tovrin_recv_data(tovrin_link_t*)::plain",
@@ -81,7 +82,7 @@ const std::vector<Through> kThroughFunctions = {
     // relay/backlog.cpp's waiting room: nothing waits, no byte counted.
     {{"(anonymous namespace)::block_next", "(anonymous namespace)::free_block", "(anonymous namespace)::msgs",
       "(anonymous namespace)::free_msg", "(anonymous namespace)::peers", "(anonymous namespace)::msg_count",
-      "(anonymous namespace)::byte_count", "(anonymous namespace)::ready"},
+      "(anonymous namespace)::byte_count", "(anonymous namespace)::ready", "(anonymous namespace)::peers_in_use"},
      [] {
          return tovrin_backlog_count() == 0 && tovrin_backlog_count_for("/vk/ipc/gelvar") == 0 &&
                 tovrin_backlog_has_room(TOVRIN_BACKLOG_MAX_BYTES - VK_IPC_HDR_LEN);
