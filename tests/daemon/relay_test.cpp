@@ -123,8 +123,8 @@ TEST_F(Relay, AnswerGoesToTheEndpointOfSrcEpNotToTheIpcSender) {
         EXPECT_EQ(a[0].peer, path);
     }
 
-    // Ids 103 and 104 are not in the table: no answer, on success or failure.
-    for (int32_t ep : {103, 104, 0, -1}) {
+    // Ids 103 and 104 are gaps in the table, 100 and 110 just outside it: no answer.
+    for (int32_t ep : {103, 104, 100, 110, 0, -1}) {
         SCOPED_TRACE(ep);
         clear_captures();
         const std::size_t mark = log_mark();
