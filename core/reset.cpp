@@ -4,6 +4,7 @@
 
 #include "core/counters.h"
 #include "core/startup.h"
+#include "link/burst.h"
 #include "link/protect.h"
 #include "link/record.h"
 #include "link/send_queue.h"
@@ -24,6 +25,8 @@ void tovrin_reset_state(void) {
     tovrin_iv_count = 0;
     tovrin_msg_id = TOVRIN_MSG_ID_START;
     tovrin_send_queue_max = TOVRIN_SEND_QUEUE_DEFAULT;
+    tovrin_sendmmsg_missing = false;
+    tovrin_recvmmsg_missing = false;
 
     VK_LOG_RESET();
 }

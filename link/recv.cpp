@@ -1,28 +1,46 @@
 #include "link/recv.h"
 
+#include <sys/uio.h>
+
+#include <array>
 #include <cerrno>
 #include <cstring>
 
 #include "core/counters.h"
 #include "core/log_rule.h"
+#include "link/burst.h"
 #include "link/ctrl_dispatch.h"
 #include "link/reassembly.h"
 #include "link/record.h"
 #include "link/send_queue.h"
 #include "platform/os.h"
 
-void tovrin_recv_handler(int sock, void * /*eloop_ctx*/, void * /*sock_ctx*/) {
+namespace {
+
+// The receive burst's slots, filled by the kernel one per datagram: a lone
+// datagram touches the first only. Set up once, at build time.
+uint8_t rx_bufs[TOVRIN_RECV_BURST][TOVRIN_MAX_DGRAM];
+sockaddr_in rx_from[TOVRIN_RECV_BURST];
+constinit std::array<iovec, TOVRIN_RECV_BURST> rx_iov = [] {
+    std::array<iovec, TOVRIN_RECV_BURST> a{};
+    for (unsigned i = 0; i < TOVRIN_RECV_BURST; ++i) a[i] = iovec{rx_bufs[i], sizeof rx_bufs[i]};
+    return a;
+}();
+constinit std::array<mmsghdr, TOVRIN_RECV_BURST> rx_msgs = [] {
+    std::array<mmsghdr, TOVRIN_RECV_BURST> a{};
+    for (unsigned i = 0; i < TOVRIN_RECV_BURST; ++i) {
+        a[i].msg_hdr.msg_name = &rx_from[i];
+        a[i].msg_hdr.msg_namelen = sizeof rx_from[i];
+        a[i].msg_hdr.msg_iov = &rx_iov[i];
+        a[i].msg_hdr.msg_iovlen = 1;
+    }
+    return a;
+}();
+
+// One datagram as read: n bytes at buf (cut to the buffer), from src.
+void recv_one(int sock, const uint8_t *buf, ssize_t n, uint32_t src) {
     static constexpr const char *fn = "tovrin_recv_handler";
     TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s Receiving on fd %d\n", fn, sock);
-    uint8_t buf[TOVRIN_MAX_DGRAM];
-    sockaddr_in from{};
-    socklen_t fromlen = sizeof from;
-    ssize_t n = vk_os_recvfrom(sock, buf, sizeof buf, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from), &fromlen);
-    if (n < 0) {
-        TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Failed to recv fd %d properly %d, errno %d.\n", fn, sock,
-                   static_cast<int>(n), errno);
-        return;
-    }
     ++tovrin_counters.datagrams_in;
     if (n < static_cast<ssize_t>(TOVRIN_HDR_LEN)) {
         tovrin_refused(TOVRIN_REFUSED_SHORT_DATAGRAM);
@@ -64,7 +82,6 @@ void tovrin_recv_handler(int sock, void * /*eloop_ctx*/, void * /*sock_ctx*/) {
     // sender says its header ends. hdr_len + data_len == n, so it stays inside buf.
     const uint8_t *payload = buf + hdr.hdr_len;
     tovrin_link_t &g = tovrin_gbl;
-    const uint32_t src = from.sin_addr.s_addr;
 
     if (hdr.flags & TOVRIN_F_CTRL) {
         if (src == g.drav_ip || (g.mob_ctrl_ip != 0 && src == g.mob_ctrl_ip)) {
@@ -101,4 +118,24 @@ void tovrin_recv_handler(int sock, void * /*eloop_ctx*/, void * /*sock_ctx*/) {
         TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: <<%s: Processed on fd %d AP(%p) %u.%u.%u.%u flags 0x%02x\n", fn, sock,
                    static_cast<void *>(&g), TOVRIN_IP_ARGS(g.drav_ip), hdr.flags);
     }
+}
+
+}  // namespace
+
+void tovrin_recv_handler(int sock, void * /*eloop_ctx*/, void * /*sock_ctx*/) {
+    const int got = tovrin_recv_burst(sock, rx_msgs.data(), TOVRIN_RECV_BURST);
+    if (got < 0) {
+        TOVRIN_LOG(TOVRIN_LOG_DBG, "DBG: >>%s Receiving on fd %d\n", "tovrin_recv_handler", sock);
+        TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s: Failed to recv fd %d properly %d, errno %d.\n", "tovrin_recv_handler",
+                   sock, got, errno);
+        return;
+    }
+    // In arrival order, each as if it had had a wakeup of its own. Nothing on
+    // this path closes the socket, but should it, what is left was the old
+    // socket's, which closing would have discarded.
+    for (int i = 0; i < got && tovrin_gbl.sock == sock; ++i) {
+        recv_one(sock, rx_bufs[i], static_cast<ssize_t>(rx_msgs[i].msg_len), rx_from[i].sin_addr.s_addr);
+    }
+    // The kernel wrote each used slot's name length: ready for the next burst.
+    for (int i = 0; i < got; ++i) rx_msgs[i].msg_hdr.msg_namelen = sizeof rx_from[i];
 }

@@ -20,6 +20,14 @@ ssize_t vk_os_sendto(int fd, const void *buf, size_t len, int flags, const struc
     return sendto(fd, buf, len, flags | MSG_DONTWAIT | MSG_NOSIGNAL, to, tolen);
 }
 
+int vk_os_sendmmsg(int fd, struct mmsghdr *msgs, unsigned int n, int flags) {
+    return sendmmsg(fd, msgs, n, flags | MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+int vk_os_recvmmsg(int fd, struct mmsghdr *msgs, unsigned int n, int flags) {
+    return recvmmsg(fd, msgs, n, flags | MSG_DONTWAIT, nullptr);
+}
+
 int vk_os_close(int fd) { return close(fd); }
 
 int vk_os_sysinfo(struct sysinfo *info) { return sysinfo(info); }

@@ -11,8 +11,21 @@ protected:
     uint8_t last_trans() const { return data_sent().back().bytes[11]; }
 };
 
-TEST_F(SendQueue, FragmentsGoOutAndAreResentWholeUntilTheLinkFalls) {
+// Once with datagram bursts, once on a kernel without them: the same datagrams.
+class SendQueueBursts : public SendQueue, public ::testing::WithParamInterface<bool> {};
+INSTANTIATE_TEST_SUITE_P(KernelWithoutBursts, SendQueueBursts, ::testing::Bool());
+
+TEST_P(SendQueueBursts, FragmentsGoOutAndAreResentWholeUntilTheLinkFalls) {
+    sim::udp_burst_missing(GetParam());
     bring_up();
+    const std::size_t before = app_msgs_to("/vk/ipc/hostun").size();
+    // Three fragments waiting together are read in one go, or one per wakeup.
+    for (const auto &f : fragments(plain_payload(200, 102, std::vector<uint8_t>(2500, 0x3c)), 9))
+        sim::udp_inject(kCtrl, f);
+    sim::settle();
+    ASSERT_EQ(app_msgs_to("/vk/ipc/hostun").size(), before + 1);
+    EXPECT_EQ(app_msgs_to("/vk/ipc/hostun").back().data, std::vector<uint8_t>(2500, 0x3c));
+    EXPECT_EQ(log_count("no recvmmsg here"), GetParam() ? 1 : 0);
     from_ctrl(frame(0x24, 0, 0x5a, 0, plain_payload(7, 101, {1})));  // its number goes in our headers
     clear_captures();
     const uint64_t t0 = sim::now_us();
@@ -24,6 +37,7 @@ TEST_F(SendQueue, FragmentsGoOutAndAreResentWholeUntilTheLinkFalls) {
     std::vector<uint8_t> payload = unhex("21000bb8 00000065 0a0b0c0d");
     payload.insert(payload.end(), data.begin(), data.end());
     EXPECT_TRUE(joined == payload);
+    EXPECT_EQ(log_count("no sendmmsg here"), GetParam() ? 1 : 0);
 
     run_answering(40 * kSec);
     const auto all = data_sent();

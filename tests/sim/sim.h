@@ -60,6 +60,8 @@ void udp_fail_socket(int err);
 void udp_fail_bind(int err);
 // Makes every sendto fail with err (0: sends succeed). Failed sends are not captured.
 void udp_fail_send(int err);
+// Makes sendmmsg and recvmmsg answer ENOSYS, as a kernel without them does.
+void udp_burst_missing(bool missing);
 
 // ---- IPC ----
 struct IpcSent {

@@ -75,6 +75,7 @@ uint16_t udp_bound_port() {
 void udp_fail_socket(int err) { world().udp_fail_socket = err; }
 void udp_fail_bind(int err) { world().udp_fail_bind = err; }
 void udp_fail_send(int err) { world().udp_fail_send = err; }
+void udp_burst_missing(bool missing) { world().udp_burst_missing = missing; }
 
 }  // namespace sim
 
@@ -163,6 +164,51 @@ ssize_t vk_os_sendto(int fd, const void *buf, size_t len, int, const struct sock
     world().udp_sent.push_back(
         sim::Datagram{world().now_us, in->sin_addr.s_addr, ntohs(in->sin_port), std::vector<uint8_t>(b, b + len)});
     return static_cast<ssize_t>(len);
+}
+
+// Bursts as the kernel does them: datagram after datagram, stopping at the
+// first that fails (an error only when it is the first).
+int vk_os_sendmmsg(int fd, struct mmsghdr *msgs, unsigned int n, int flags) {
+    if (world().udp_burst_missing) {
+        errno = ENOSYS;
+        return -1;
+    }
+    int sent = 0;
+    for (unsigned i = 0; i < n; ++i) {
+        const msghdr &h = msgs[i].msg_hdr;
+        std::vector<uint8_t> bytes;
+        for (std::size_t k = 0; k < h.msg_iovlen; ++k) {
+            const auto *b = static_cast<const uint8_t *>(h.msg_iov[k].iov_base);
+            bytes.insert(bytes.end(), b, b + h.msg_iov[k].iov_len);
+        }
+        const ssize_t r =
+            vk_os_sendto(fd, bytes.data(), bytes.size(), flags, static_cast<const sockaddr *>(h.msg_name), h.msg_namelen);
+        if (r < 0) return sent > 0 ? sent : -1;
+        msgs[i].msg_len = static_cast<unsigned>(r);
+        ++sent;
+    }
+    return sent;
+}
+
+int vk_os_recvmmsg(int fd, struct mmsghdr *msgs, unsigned int n, int flags) {
+    if (world().udp_burst_missing) {
+        errno = ENOSYS;
+        return -1;
+    }
+    int got = 0;
+    for (unsigned i = 0; i < n; ++i) {
+        msghdr &h = msgs[i].msg_hdr;
+        if (h.msg_iovlen != 1) {  // all the daemon uses
+            errno = EINVAL;
+            return got > 0 ? got : -1;
+        }
+        const ssize_t r = vk_os_recvfrom(fd, h.msg_iov[0].iov_base, h.msg_iov[0].iov_len, flags,
+                                         static_cast<sockaddr *>(h.msg_name), &h.msg_namelen);
+        if (r < 0) return got > 0 ? got : -1;
+        msgs[i].msg_len = static_cast<unsigned>(r);
+        ++got;
+    }
+    return got;
 }
 
 int vk_os_close(int fd) {

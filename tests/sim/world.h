@@ -80,6 +80,7 @@ struct World {
 
     std::vector<Datagram> udp_sent;
     int udp_fail_socket = 0, udp_fail_bind = 0, udp_fail_send = 0;
+    bool udp_burst_missing = false;
     uint16_t next_ephemeral = kFirstEphemeralPort;
 
     std::vector<IpcSent> ipc_sent;
