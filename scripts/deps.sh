@@ -1,6 +1,6 @@
 # Debian packages the build, the tests and the demo need. Sourced by the scripts.
 TOVRIN_DEPS=(g++ cmake make libgtest-dev libssl-dev libmbedtls-dev openssl iproute2 valgrind procps python3
-             libpcap-dev tcpdump tshark wireshark-common jq)
+             libpcap-dev tcpdump tshark wireshark-common jq strace)
 # Installed without their recommendations: prometheus brings promtool, which
 # checks tovrinctl's exposition; the server itself is never run.
 TOVRIN_DEPS_BARE=(prometheus)
