@@ -270,13 +270,15 @@ w("## Cost per message (instructions, callgrind)\n")
 w("The daemon runs under `valgrind --tool=callgrind --collect-systime=nsec`; the counters are "
   "zeroed (`callgrind_control -z`) once the link is up, the messages (16 data bytes, plain) are "
   "relayed, and the counters dumped. Everything the daemon's one thread executes in user space "
-  "is counted, event loop included; kernel work is not, so system calls are given as a count. "
+  "is counted, event loop included; kernel work is not (system calls are counted by strace, "
+  "below: under valgrind the clock reads are system calls too, as it has no vDSO). "
   "Repeatable on a noisy machine: the count does not depend on timing.\n")
-w("| direction | log level | messages | instructions/message | system calls/message |")
+w("| direction | log level | messages | instructions/message | target |")
 w("|---|---:|---:|---:|---:|")
 for lvl, d in CG_RUNS:
     n, tot, sysn, _, _ = cg[(lvl, d)]
-    w(f"| {d} | {lvl} | {n} | {f0(tot / n)} | {sysn / n:.1f} |")
+    want = {(1, "up"): 1600, (1, "down"): 800}.get((lvl, d))
+    w(f"| {d} | {lvl} | {n} | {f0(tot / n)} | {'≤ ' + f0(want) if want else '–'} |")
     want = {(1, "up"): 1600, (1, "down"): 800}.get((lvl, d))
     if want:
         T.append((f"instructions per 16-byte message, {d}, level 1: ≤ {want:,}", f0(tot / n), tot / n <= want))
@@ -326,8 +328,8 @@ for mode in ("plain", "enc"):
     for d in ("up", "down"):
         n, calls, frees = alloc[(mode, d)]
         want = n if d == "up" else 0
-        w(f"| {mode} | {d} | {n} | {calls} | {frees} | {calls / n:.2f} | {want} |")
-        T.append((f"heap calls, {mode} {d}link: {want} for {n} messages", str(calls), calls == want))
+        w(f"| {mode} | {d} | {n} | {calls} | {frees} | {calls / n:.2f} | ≤ {want} |")
+        T.append((f"heap calls, {mode} {d}link: ≤ {want} for {n} messages", str(calls), calls <= want))
 w("")
 
 w("## Payload protection (16 KB)\n")

@@ -1,5 +1,6 @@
 #include "core/reset.h"
 
+#include <cstdlib>
 #include <cstring>
 
 #include "core/counters.h"
@@ -17,6 +18,8 @@ void tovrin_reset_state(void) {
     // The queue frees its messages itself, and needs its links intact to do it.
     while (tovrin_gbl.comm.head != nullptr) tovrin_complete_send_msg(&tovrin_gbl, tovrin_gbl.comm.head);
     tovrin_backlog_clear();
+    std::free(tovrin_spare_msg);
+    tovrin_spare_msg = nullptr;
 
     std::memset(&tovrin_gbl, 0, sizeof tovrin_gbl);
     std::memset(&tovrin_counters, 0, sizeof tovrin_counters);

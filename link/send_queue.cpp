@@ -14,6 +14,7 @@
 #include "session/link_status.h"
 
 int32_t tovrin_send_queue_max = TOVRIN_SEND_QUEUE_DEFAULT;
+tovrin_msg_t *tovrin_spare_msg = nullptr;
 
 namespace {
 constexpr int kMaxRetry = 5;
@@ -43,7 +44,9 @@ tovrin_msg_t *tovrin_new_send_msg(tovrin_link_t *link, const tovrin_app_msg_t *a
                    "tovrin_new_send_msg", link->comm.msg_cnt, static_cast<void *>(link), TOVRIN_IP_ARGS(link->drav_ip));
         return nullptr;
     }
-    auto *msg = static_cast<tovrin_msg_t *>(std::malloc(sizeof(tovrin_msg_t)));
+    tovrin_msg_t *msg = tovrin_spare_msg;
+    tovrin_spare_msg = nullptr;
+    if (msg == nullptr) msg = static_cast<tovrin_msg_t *>(std::malloc(sizeof(tovrin_msg_t)));
     if (msg == nullptr) {
         tovrin_refused(TOVRIN_REFUSED_APP_NO_MEMORY);
         TOVRIN_LOG(TOVRIN_LOG_NOTE, "NOTE: <<%s Out of memory for msg to AP(%p)%u.%u.%u.%u\n", "tovrin_new_send_msg",
@@ -199,7 +202,12 @@ void tovrin_complete_send_msg(tovrin_link_t *link, tovrin_msg_t *msg) {
     else
         comm.tail = msg->prev;
     *msg->prev = msg->next;
-    std::free(msg);
+    // One block is kept for the next message: a steady flow of messages then
+    // costs no heap call at all, and the most an idle daemon holds is one block.
+    if (tovrin_spare_msg == nullptr)
+        tovrin_spare_msg = msg;
+    else
+        std::free(msg);
     comm.msg_cnt -= 1;
 }
 
