@@ -3,6 +3,11 @@
 //   protect: MD5 of the data, then AES-128-CBC encryption (tovrin_protect_payload)
 //   open:    AES-128-CBC decryption, then MD5 and its check (tovrin_open_payload)
 // and the two primitives alone. Prints "CRYPTO op=.. bytes=.. ns=.." (median of --reps).
+// --hold: then prints "HOLDING" and waits to be killed, the crypto library
+// still mapped and used: bench/footprint measures the daemon beside it, as on
+// a device where other programs use the same library.
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -76,5 +81,10 @@ int main(int argc, char **argv) {
     std::printf("CRYPTO op=md5 bytes=%zu ns=%.0f\n", body, md5);
     std::printf("CRYPTO op=aes_enc bytes=%zu ns=%.0f\n", body, enc);
     std::printf("CRYPTO op=aes_dec bytes=%zu ns=%.0f\n", body, dec);
+    if (a.flag("--hold")) {
+        std::printf("HOLDING\n");
+        std::fflush(stdout);
+        for (;;) pause();
+    }
     return 0;
 }
