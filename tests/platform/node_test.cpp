@@ -67,6 +67,7 @@ TEST_F(Node, MacFromInterfaceAddresses) {
         {"tap0", "00:00:00:00:00:00\n"},        // zero: skipped
         {"dummy", "zz:00:00:00:00:01\n"},       // not an address
         {"bond", "02:00:00:00:00:04:05:06\n"},  // not six bytes
+        {"ab0", "02:00:00:00:00-05\n"},        // a separator that is no colon
         {"can0", ""},
     };
     const Tree zero_wlan0 = {{"wlan0", "00:00:00:00:00:00\n"}, {"eth0", "02:00:00:00:00:01\n"}};
@@ -105,6 +106,7 @@ TEST_F(Node, SerialNumberFromEnvironmentOrFile) {
     dir.write("crlf", "CRLF-1\r\n");
     dir.write("blank", "\nHX7-9999\n");
     dir.write("empty", "");
+    dir.write("short", "7\n");
     std::string machine_id;
     std::getline(std::ifstream("/etc/machine-id"), machine_id);
     machine_id.resize(16, '\0');
@@ -118,6 +120,7 @@ TEST_F(Node, SerialNumberFromEnvironmentOrFile) {
         {"0123456789ABCDEFGH", dir / "serial", 16, "0123456789ABCDEF"},  // cut to size
         {"", dir / "serial", 16, std::string("HX7-2231\0\0\0\0\0\0\0\0", 16)},  // empty counts as unset
         {std::nullopt, dir / "crlf", 8, std::string("CRLF-1\0\0", 8)},
+        {std::nullopt, dir / "short", 2, std::string("7\0", 2)},
         {std::nullopt, dir / "none", 16, machine_id},
         {std::nullopt, dir / "blank", 16, machine_id},
         {std::nullopt, dir / "empty", 16, machine_id},
