@@ -1,4 +1,5 @@
 // Local IPC endpoints on real Unix-domain sockets under a private root.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -94,7 +95,7 @@ Received receive(Endpoint &e) {
     return r;
 }
 
-// Sends payload from the endpoint to peer with send_large, or resp_large; the errno, 0 when sent.
+// Sends payload from the endpoint to peer with send_large, or resp_large: 0, or the errno of a -1.
 int send(Endpoint &from, const std::string &peer, const std::string &payload, bool as_response = false) {
     auto msg = std::make_unique<vk_ipc_msg_t>();
     *msg = {27, uint32_t(payload.size()), as_response ? VK_IPC_F_RESPONSE : VK_IPC_F_REQUEST, {}};
@@ -106,7 +107,7 @@ int send(Endpoint &from, const std::string &peer, const std::string &payload, bo
     std::snprintf(d.peer, sizeof d.peer, "%s", peer.c_str());
     errno = 0;
     const int rc = as_response ? vk_ipc_resp_large(&d) : vk_ipc_send_large(&d);
-    return rc == 0 ? 0 : errno;
+    return rc == -1 ? errno : rc;
 }
 
 class Ipc : public ::testing::Test {
@@ -156,9 +157,11 @@ TEST_F(Ipc, OpenCreatesParentsAndSetsModesAndCloseRemovesTheFile) {
     ASSERT_EQ(rc, 0) << strerror(errno);
     for (const char *dir : {"vk", "vk/ipc", "vk/ipc/deep"}) EXPECT_EQ(mode_of(root / dir), S_IFDIR | 0770u) << dir;
     EXPECT_EQ(mode_of(root / "vk/ipc/deep/tovrin"), S_IFSOCK | 0660u);
+    const int sock = h.sock;
     vk_ipc_close(&h);
     EXPECT_EQ(mode_of(root / "vk/ipc/deep/tovrin"), 0u);
     EXPECT_EQ(h.sock, -1);
+    EXPECT_EQ(fcntl(sock, F_GETFD), -1) << "the socket is closed";
 }
 
 // A dead process's socket file is replaced; a live endpoint's, or a file
@@ -201,6 +204,7 @@ TEST_F(Ipc, PathsThatDoNotFitAreRefused) {
     errno = 0;
     EXPECT_EQ(vk_ipc_open(&h), -1);
     EXPECT_EQ(errno, ENAMETOOLONG);
+    EXPECT_EQ(h.sock, -1) << "no descriptor to mistake for one";
 }
 
 TEST_F(Ipc, MalformedDatagramsAreConsumedAndRefused) {
@@ -253,6 +257,22 @@ TEST_F(Ipc, SendsFailInsteadOfBlocking) {
     while (sent < 100000 && (err = send(tool, "/vk/slow", std::string(1000, 'f'))) == 0) ++sent;
     EXPECT_EQ(err, EAGAIN);
     EXPECT_GT(sent, 0);
+}
+
+// Past the sockets it keeps for sending, an endpoint closes the least used one;
+// closing the endpoint closes the rest.
+TEST_F(Ipc, SendingSocketsAreReusedAndReleased) {
+    const auto open_fds = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    const auto before = open_fds();
+    {
+        Endpoint tool("/vk/tool");
+        std::vector<std::unique_ptr<Endpoint>> peers;
+        for (int i = 0; i < 40; ++i) peers.push_back(std::make_unique<Endpoint>("/vk/p" + std::to_string(i)));
+        for (int round = 0; round < 2; ++round)
+            for (int i = 0; i < 40; ++i) EXPECT_EQ(send(tool, "/vk/p" + std::to_string(i), "x"), 0);
+        EXPECT_LE(open_fds(), before + 41 + 32);
+    }
+    EXPECT_EQ(open_fds(), before);
 }
 
 }  // namespace
