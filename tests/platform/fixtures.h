@@ -1,10 +1,7 @@
 #pragma once
-// Scoped environment variables, umask and temporary directories for the
+// Scoped environment variables and temporary directories for the
 // platform tests, undone when they go out of scope.
-#include <sys/stat.h>
 
-#include <cstddef>
-#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -37,17 +34,6 @@ private:
     std::optional<std::string> old_;
 };
 
-class ScopedUmask {
-public:
-    explicit ScopedUmask(mode_t mask) : old_(umask(mask)) {}
-    ~ScopedUmask() { umask(old_); }
-    ScopedUmask(const ScopedUmask &) = delete;
-    ScopedUmask &operator=(const ScopedUmask &) = delete;
-
-private:
-    mode_t old_;
-};
-
 // A fresh directory under $TMPDIR (or /tmp), removed with all it holds.
 class TempDir {
 public:
@@ -75,18 +61,5 @@ public:
 private:
     std::string path_;
 };
-
-// Bytes as lower-case hex, four bytes to a group: "01000000 04000000".
-inline std::string hex(const void *data, std::size_t n) {
-    static constexpr char digits[] = "0123456789abcdef";
-    const auto *b = static_cast<const uint8_t *>(data);
-    std::string out;
-    for (std::size_t i = 0; i < n; ++i) {
-        if (i > 0 && i % 4 == 0) out += ' ';
-        out += digits[b[i] >> 4];
-        out += digits[b[i] & 15];
-    }
-    return out;
-}
 
 }  // namespace platform_test
