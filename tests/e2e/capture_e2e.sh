@@ -2,7 +2,7 @@
 # A session (messages both ways, plain, encrypted, in fragments, resent; the
 # link lost and back) captured at three points reads back whole in tshark and
 # tovrin-pcap. TOVRIN_CAPTURE_SAVE=DIR keeps the captures (to refresh tests/captures/).
-# shellcheck source=tests/e2e/lib.sh
+# shellcheck source=tests/e2e/lib.sh disable=SC2015 # "a && b || { fail; exit; }": any failure ends the test
 . "$(dirname "$0")/lib.sh"
 for tool in tcpdump tshark editcap; do
     command -v "$tool" >/dev/null || { echo "skipped: $tool is not installed"; exit 77; }

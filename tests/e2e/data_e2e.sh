@@ -6,6 +6,7 @@
 . "$(dirname "$0")/lib.sh"
 
 if [ "${E2E_VALGRIND:-0}" = 1 ] && command -v valgrind >/dev/null; then
+    # shellcheck disable=SC2054 # the option takes a comma-separated list
     TOVRIN_WRAP=(valgrind -q --leak-check=full --errors-for-leak-kinds=definite,indirect
         --error-exitcode=9 "--log-file=$WORK/valgrind.txt")
 fi
