@@ -64,7 +64,6 @@ void Controller::transmit_head(int tries) {
     if (!answering) return;  // a silent controller's tries still count down
     const dsim_out_msg &m = tx_.queue.front();
     for (auto &d : dsim_fragment(m.payload, m.ctlr_trans, 0, tries > 1)) send_(ip, std::move(d));
-    transmissions[serials_.front()] += 1;
 }
 
 void Controller::tick(uint64_t now_us) {

@@ -53,9 +53,8 @@ public:
     // Every message it ever sent (by serial) and every one it received whole.
     std::map<uint64_t, CtrlMsg> sent;
     std::vector<ApMsg> received;
-    // Transmissions of each sent message, and the serial of a message by the
-    // first bytes of its payload (at most 48), to recognise its fragment 0.
-    std::map<uint64_t, int> transmissions;
+    // The serial of a message by the first bytes of its payload (at most 48),
+    // to recognise its fragment 0.
     std::map<std::vector<uint8_t>, uint64_t> by_head;
 
 private:
