@@ -2,7 +2,8 @@
 """Writes malformed.pcap: Ethernet frames of the tovrin link between an AP
 (10.0.0.2) and its controller (10.0.0.1), each datagram wrong in one way, so
 that the dissector and tovrin-pcap are shown to flag them without failing.
-Run it again to regenerate the committed file: python3 make_malformed.py OUT"""
+Run it again to regenerate the committed file: python3 make_malformed.py OUT;
+make_malformed.py --frames OUT writes frames that are not the link's or not whole."""
 import struct
 import sys
 
@@ -61,6 +62,9 @@ CASES = [
     (AP, dgram(0x25, plain(105, 102, b"z" * 2000)[:1024], frag=0, ap=15), "fragment 0 of 3"),
     (AP, dgram(0x24, plain(105, 102, b"z" * 2000)[2048:], frag=2, ap=15), "fragment 2 of 3; 1 is lost"),
     (AP, dgram(0x24, plain(105, 102, b"never acknowledged"), ap=16), "a message nobody acknowledges"),
+    (AP, dgram(0x24, plain(105, 102, b"sent twice"), ap=19), "a message"),
+    (AP, dgram(0x26, plain(105, 102, b"sent twice"), ap=19), "the same message resent"),
+    (CTL, dgram(0x0A, b"", ap=19), "its acknowledgement, as of a repeat"),
 ]
 # A message of 17 fragments: larger than 16384 bytes.
 BIG = plain(105, 102, b"b" * (17 * 1024 - 12))
@@ -76,29 +80,63 @@ def checksum(b):
     return ~s & 0xFFFF
 
 
-def frame(src, payload):
+def ipv4(src, payload, **edits):
+    """An IPv4 packet carrying UDP, with bytes at the offsets edits names (at5=...) changed."""
     dst = CTL if src == AP else AP
     udp = struct.pack(">HHHH", 6650, 6650, 8 + len(payload), 0) + payload
     ip = struct.pack(">BBHHHBBH4B4B", 0x45, 0, 20 + len(udp), 1, 0, 64, 17, 0, *src, *dst)
-    ip = ip[:10] + struct.pack(">H", checksum(ip)) + ip[12:]
-    eth = bytes.fromhex("020000000001" "020000000002" "0800") if src == AP else \
-        bytes.fromhex("020000000002" "020000000001" "0800")
-    f = eth + ip + udp
+    ip = bytearray(ip[:10] + struct.pack(">H", checksum(ip)) + ip[12:] + udp)
+    for at, v in edits.items():
+        ip[int(at[2:])] = v
+    return bytes(ip)
+
+
+def ethernet(src, ip, ethertype=0x0800):
+    return bytes.fromhex("020000000001020000000002" if src == AP else "020000000002020000000001") + \
+        struct.pack(">H", ethertype) + ip
+
+
+def frame(src, payload):
+    f = ethernet(src, ipv4(src, payload))
     return f + bytes(max(0, 60 - len(f)))
 
 
-def main(out):
+ACK = dgram(0x08, b"", ap=1)
+# Frames that are not the link's or not whole: (frame, what it shows).
+FRAMES = [
+    (ethernet(AP, b"")[:13], "Ethernet header of 13 bytes"),
+    (ethernet(AP, ipv4(AP, ACK), 0x0806), "ARP"),
+    (bytes.fromhex("020000000001020000000002" "8100" "0005"), "VLAN tag cut short"),
+    (ethernet(AP, ipv4(AP, ACK), 0x86DD), "IPv6"),
+    (ethernet(AP, ipv4(AP, ACK)[:19]), "IPv4 header of 19 bytes"),
+    (ethernet(AP, ipv4(AP, ACK, at0=0x65)), "IP version 6 behind the IPv4 type"),
+    (ethernet(AP, ipv4(AP, ACK, at0=0x44)), "IPv4 header length 16"),
+    (ethernet(AP, ipv4(AP, ACK, at3=19)), "IPv4 total length below its header"),
+    (ethernet(AP, ipv4(AP, ACK, at9=6)), "TCP"),
+    (ethernet(AP, ipv4(AP, ACK, at6=0x20)), "first IPv4 fragment"),
+    (ethernet(AP, ipv4(AP, ACK, at7=1)), "later IPv4 fragment"),
+    (ethernet(AP, ipv4(AP, ACK, at3=27)[:27]), "UDP header of 7 bytes"),
+    (ethernet(AP, ipv4(AP, ACK, at25=7)), "UDP length 7"),
+    (ethernet(AP, ipv4(AP, ACK, at25=21)), "UDP length beyond the IPv4 packet"),
+]
+
+
+def main(out, frames=False):
+    """malformed.pcap, or with frames the capture of FRAMES (tovrin-pcap's alone:
+    other dissectors take them for malformed packets)."""
     with open(out, "wb") as f:
         f.write(struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, 1))
-        for i, (src, d, _) in enumerate(CASES):
-            b = frame(src, d)
+        todo = [b for b, _ in FRAMES] if frames else [frame(src, d) for src, d, _ in CASES]
+        for i, b in enumerate(todo):
             f.write(struct.pack("<IIII", 1700000000, i * 1000, len(b), len(b)))
             f.write(b)
+        if frames:
+            return
         # Last, a frame the capture cut short: 50 of its bytes kept.
         b = frame(AP, dgram(0x24, plain(105, 102, b"cut by the snap length"), ap=18))
-        f.write(struct.pack("<IIII", 1700000000, len(CASES) * 1000, 50, len(b)))
+        f.write(struct.pack("<IIII", 1700000000, len(todo) * 1000, 50, len(b)))
         f.write(b[:50])
 
 
 if __name__ == "__main__":
-    main(sys.argv[1] if len(sys.argv) > 1 else "malformed.pcap")
+    main(sys.argv[-1] if len(sys.argv) > 1 else "malformed.pcap", "--frames" in sys.argv)
