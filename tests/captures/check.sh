@@ -57,7 +57,7 @@ python3 -c 'import json, sys
 for line in sys.stdin: json.loads(line)' <"$work/out/session-any.json" || fail "session-any.json: a line is not JSON"
 # Mangled datagrams from fixed seeds: never a Lua error, never a failure.
 for seed in 1 2; do
-    python3 "$here/make_noise.py" "$seed" 3000 "$work/noise.pcap"
+    python3 "$here/make_malformed.py" --noise "$seed" 3000 "$work/noise.pcap"
     "$pcap_bin" --datagrams --key "$key" "$work/noise.pcap" >/dev/null || fail "noise $seed: tovrin-pcap failed"
     [ "$have_tshark" = 1 ] || continue
     tshark_lua -r "$work/noise.pcap" -V >"$work/noise.tshark"

@@ -2,8 +2,13 @@
 """Writes malformed.pcap: Ethernet frames of the tovrin link between an AP
 (10.0.0.2) and its controller (10.0.0.1), each datagram wrong in one way, so
 that the dissector and tovrin-pcap are shown to flag them without failing.
-Run it again to regenerate the committed file: python3 make_malformed.py OUT;
-make_malformed.py --frames OUT writes frames that are not the link's or not whole."""
+Run it again to regenerate the committed file: python3 make_malformed.py OUT.
+  --frames OUT             frames that are not the link's or not whole
+  --noise SEED COUNT OUT   well-formed and mangled datagrams from a seed, to show
+                           that no input makes the dissector raise a Lua error or
+                           tovrin-pcap fail: cut at every length, bytes flipped,
+                           numbers and lengths at random"""
+import random
 import struct
 import sys
 
@@ -121,22 +126,68 @@ FRAMES = [
 ]
 
 
-def main(out, frames=False):
-    """malformed.pcap, or with frames the capture of FRAMES (tovrin-pcap's alone:
-    other dissectors take them for malformed packets)."""
+def seeds():
+    """Well-formed datagrams of every kind, each with its sender."""
+    big = plain(105, 102, bytes(random.randrange(256) for _ in range(2500)))
+    out = [(AP, dgram(0xA0, REG)), (CTL, dgram(0x80, REG)),
+           (AP, dgram(0xA0, ctrl(0x20, 36, bytes(32)))), (CTL, dgram(0x80, ctrl(0x20, 36, bytes(32)))),
+           (CTL, dgram(0x80, ctrl(0x22, 12, bytes([0, 0, 0, 0, 203, 0, 113, 9])))),
+           (AP, dgram(0x24, plain(105, 102, b"hello"), ap=1)), (CTL, dgram(0x08, b"", ap=1)),
+           (CTL, dgram(0x24, enc(201, 101, 3, bytes(16)), ctlr=2)), (AP, dgram(0x08, b"", ctlr=2))]
+    for k in range(3):
+        out.append((AP, dgram(0x25 if k < 2 else 0x24, big[k * 1024:(k + 1) * 1024], frag=k, ap=3)))
+    return out
+
+
+def mangle(src, d):
+    d = bytearray(d)
+    how = random.randrange(8)
+    if how == 0:
+        d = d[:random.randrange(len(d) + 1)]
+    elif how == 1:
+        for _ in range(random.randrange(1, 4)):
+            if d:
+                d[random.randrange(len(d))] = random.randrange(256)
+    elif how == 2 and len(d) >= 12:
+        d[8] = random.randrange(256)
+    elif how == 3 and len(d) >= 12:
+        d[9], d[10], d[11] = (random.randrange(20) for _ in range(3))
+    elif how == 4 and len(d) >= 16:
+        d[12] = random.choice([0x1F, 0x20, 0x21, 0x22, 0x26, random.randrange(256)])
+        d[14:16] = struct.pack(">H", random.choice([0, 3, 4, 11, 12, 35, 36, 103, 104, 2000]))
+    elif how == 5 and len(d) >= 4:
+        d[2:4] = struct.pack(">H", random.randrange(1100))
+    elif how == 6:
+        d = bytearray(random.randrange(256) for _ in range(random.randrange(40)))
+    return src if random.randrange(4) else (CTL if src == AP else AP), bytes(d)
+
+
+def write(out, frames, cut=None):
+    """A pcap file of the frames a millisecond apart; cut: a last frame the capture kept 50 bytes of."""
     with open(out, "wb") as f:
         f.write(struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, 1))
-        todo = [b for b, _ in FRAMES] if frames else [frame(src, d) for src, d, _ in CASES]
-        for i, b in enumerate(todo):
-            f.write(struct.pack("<IIII", 1700000000, i * 1000, len(b), len(b)))
-            f.write(b)
-        if frames:
-            return
-        # Last, a frame the capture cut short: 50 of its bytes kept.
-        b = frame(AP, dgram(0x24, plain(105, 102, b"cut by the snap length"), ap=18))
-        f.write(struct.pack("<IIII", 1700000000, len(todo) * 1000, 50, len(b)))
-        f.write(b[:50])
+        for i, b in enumerate(frames + ([cut] if cut else [])):
+            kept = b[:50] if b is cut else b
+            f.write(struct.pack("<IIII", 1700000000 + i // 1000, i % 1000 * 1000, len(kept), len(b)) + kept)
+
+
+def noise(seed, count):
+    random.seed(seed)
+    base = seeds()
+    out = []
+    for _ in range(count):
+        src, d = random.choice(base)
+        if random.randrange(3):
+            src, d = mangle(src, d)
+        out.append(frame(src, d))
+    return out
 
 
 if __name__ == "__main__":
-    main(sys.argv[-1] if len(sys.argv) > 1 else "malformed.pcap", "--frames" in sys.argv)
+    if sys.argv[1] == "--noise":
+        write(sys.argv[4], noise(int(sys.argv[2]), int(sys.argv[3])))
+    elif sys.argv[1] == "--frames":  # tovrin-pcap's alone: other dissectors take them for malformed packets
+        write(sys.argv[2], [b for b, _ in FRAMES])
+    else:
+        write(sys.argv[1], [frame(src, d) for src, d, _ in CASES],
+              frame(AP, dgram(0x24, plain(105, 102, b"cut by the snap length"), ap=18)))
