@@ -192,6 +192,7 @@ std::vector<std::string> run(const ctl_case &c, daemon_t *d) {
     const bool digested = !c.expected.empty() && c.expected[0].starts_with("digest ");
     std::istringstream os(digested ? digest(text[0]) + "\n" : text[0]), es(text[1]);
     for (std::string l; std::getline(os, l);) got.push_back(digested ? l : l.empty() ? ">" : "> " + l);
+    if (digested && got[0] != c.expected[0]) got.push_back("the output was:\n" + text[0]);
     for (std::string l; std::getline(es, l);) got.push_back("! " + l);
     if (!WIFEXITED(ws) || WEXITSTATUS(ws)) got.push_back("= " + std::to_string(WIFEXITED(ws) ? WEXITSTATUS(ws) : -1));
     got.insert(got.end(), sent.begin(), sent.end());
