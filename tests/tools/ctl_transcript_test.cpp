@@ -72,7 +72,7 @@ struct endpoint {
     int send(const char *peer, uint32_t type, uint32_t flags, const void *p, std::size_t n) {
         auto m = std::make_unique<vk_ipc_msg_t>();
         *m = {type, uint32_t(n), flags, {}};
-        std::memcpy(m->payload, p, n);
+        if (n) std::memcpy(m->payload, p, n);
         vk_ipc_send_desc_t d{&h, flags & VK_IPC_F_RESPONSE ? VK_IPC_KIND_RESP : VK_IPC_KIND_NOTIFY, m.get(), {}};
         std::snprintf(d.peer, sizeof d.peer, "%s", peer);
         return flags & VK_IPC_F_RESPONSE ? vk_ipc_resp_large(&d) : vk_ipc_send_large(&d);
