@@ -22,11 +22,7 @@ def fail(n, what):
 
 
 def data(tokens):  # hex, each token may end in *N
-    out = b''
-    for t in tokens:
-        t, _, times = t.partition('*')
-        out += bytes.fromhex(t) * int(times or 1)
-    return out
+    return b''.join(bytes.fromhex(t.partition('*')[0]) * int(t.partition('*')[2] or 1) for t in tokens)
 
 
 class Session:
@@ -40,11 +36,10 @@ class Session:
         m = re.fullmatch(r'# listening 127\.0\.0\.1:(\d+)', self.line() or '')
         self.sim = ('127.0.0.1', int(m.group(1))) if m else None
 
-    def line(self, timeout=5.0):  # the next line of output without its timestamp; None at the end
-        end = time.monotonic() + timeout
+    def line(self):  # the next line of output without its timestamp; None at the end
+        end = time.monotonic() + 5
         while b'\n' not in self.buf:
-            left = end - time.monotonic()
-            if left <= 0 or not select.select([self.p.stdout], [], [], left)[0]:
+            if not select.select([self.p.stdout], [], [], max(0, end - time.monotonic()))[0]:
                 return None
             chunk = os.read(self.p.stdout.fileno(), 4096)
             if not chunk:
@@ -55,11 +50,6 @@ class Session:
         # Every line starts with seconds.milliseconds in 8 columns.
         return line[9:] if re.match(r' *\d+\.\d{3} $', line[:9]) else 'NO TIMESTAMP: ' + line
 
-    def datagram(self):
-        if not select.select([self.ap], [], [], 5.0)[0]:
-            return None
-        return self.ap.recv(65536).hex()
-
     def end(self, n, status):
         try:
             got = self.p.wait(10)
@@ -69,7 +59,7 @@ class Session:
         if got != status:
             fail(n, f'exit status {got}, not {status}')
         # Nothing printed or sent beyond what the transcript expects.
-        while (rest := self.line(1.0)) is not None:
+        while (rest := self.line()) is not None:
             fail(n, 'unexpected line: ' + rest)
         self.ap.setblocking(False)
         try:
@@ -79,11 +69,10 @@ class Session:
 
 
 s = None
-for n, raw in enumerate(open(transcript), 1):
-    line = raw.rstrip('\n')
-    if not line or line.startswith('#'):
-        continue
+for n, line in enumerate(open(transcript).read().splitlines(), 1):
     op, _, rest = line.partition(' ')
+    if not line or op.startswith('#'):
+        continue
     if op == '$':
         s = Session(rest.split())
         if not s.sim:
@@ -99,8 +88,8 @@ for n, raw in enumerate(open(transcript), 1):
     elif op == 'signal':
         s.p.send_signal(getattr(signal, 'SIG' + rest))
     elif op == '<':
-        want = data(rest.split()).hex()
-        if (got := s.datagram()) != want:
+        got = s.ap.recv(65536).hex() if select.select([s.ap], [], [], 5)[0] else None
+        if got != data(rest.split()).hex():
             fail(n, f'the AP received {got}')
     elif op in ('|', '~'):
         got = s.line()
