@@ -2,7 +2,7 @@
 // The local application endpoints, id and IPC endpoint path, written once for
 // the whole tree: the daemon, tovrinctl, bench/, the simulation and the fuzz
 // targets read them from here. tests/e2e/lib.sh keeps the shell's copy,
-// checked against this table by tests/tools/endpoint_table_test.cpp.
+// checked against this table by tests/tools/ctl_transcript_test.cpp.
 #include <cstddef>
 #include <cstdint>
 

@@ -57,12 +57,40 @@ python3 -c 'import json, sys
 for line in sys.stdin: json.loads(line)' <"$work/out/session-any.json" || fail "session-any.json: a line is not JSON"
 # Mangled datagrams from fixed seeds: never a Lua error, never a failure.
 for seed in 1 2; do
-    python3 "$here/make_noise.py" "$seed" 3000 "$work/noise.pcap"
+    python3 "$here/make_malformed.py" --noise "$seed" 3000 "$work/noise.pcap"
     "$pcap_bin" --datagrams --key "$key" "$work/noise.pcap" >/dev/null || fail "noise $seed: tovrin-pcap failed"
     [ "$have_tshark" = 1 ] || continue
     tshark_lua -r "$work/noise.pcap" -V >"$work/noise.tshark"
     grep -qiE 'lua error|Malformed Packet' "$work/noise.tshark" && fail "noise $seed: $(grep -m1 -iE 'lua error|Malformed Packet' "$work/noise.tshark")"
 done
+# The malformed capture is the one its table writes.
+python3 "$here/make_malformed.py" "$work/malformed.pcap" && cmp -s "$work/malformed.pcap" "$here/malformed.pcap" ||
+    fail "malformed.pcap is not what make_malformed.py writes"
+python3 "$here/make_malformed.py" --frames "$work/frames.pcap"
+"$pcap_bin" --datagrams "$work/frames.pcap" >"$work/out/frames.txt"
+# tovrin-pcap's command lines: what each prints and its exit status.
+head -c 600 "$here/session-sll.pcap" >"$work/cut.pcap"
+while IFS= read -r args; do
+    (cd "$here" && eval "\"\$pcap_bin\" $args") >"$work/o" 2>&1
+    printf '$ tovrin-pcap %s\n= %s\n' "$args" "$?"
+    sed "s#$work#WORK#g" "$work/o"
+done >"$work/out/cli.txt" <<'EOF'
+--version | sed 's/ .*//'
+--help
+
+session-eth.pcapng session-eth.pcapng
+--bogus session-eth.pcapng
+--key 0011 session-eth.pcapng
+--key 0g0102030405060708090a0b0c0d0e0f session-eth.pcapng
+session-eth.pcapng --key
+--port 0 session-eth.pcapng
+--port 6651 session-eth.pcapng
+none.pcap
+check.sh
+/dev/null
+"$work/cut.pcap"
+--no-summary --full - <session-sll.pcap
+EOF
 # The Ethernet capture's dissection differs from the cooked one below UDP only.
 rm -f "$work/out/session-eth.tshark" "$work/out/session-sll.tshark"
 

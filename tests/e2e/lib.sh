@@ -100,7 +100,7 @@ start_listen() {
     E2E_PIDS+=($!)
     wait_until 30 test -S "$VK_IPC_ROOT$(endpoint_path "$1")"
 }
-# The ids and paths of relay/endpoint_table.h (tests/tools/endpoint_table_test.cpp checks).
+# The ids and paths of relay/endpoint_table.h (tests/tools/ctl_transcript_test.cpp checks).
 endpoint_path() {
     case $1 in
     101) echo /vk/ipc/gelvar ;; 102) echo /vk/ipc/hostun ;; 105) echo /vk/ipc/prindal ;;
