@@ -162,6 +162,12 @@ TEST_F(Ipc, OpenCreatesParentsAndSetsModesAndCloseRemovesTheFile) {
     EXPECT_EQ(mode_of(root / "vk/ipc/deep/tovrin"), 0u);
     EXPECT_EQ(h.sock, -1);
     EXPECT_EQ(fcntl(sock, F_GETFD), -1) << "the socket is closed";
+    // A handle never opened is left alone, whatever its sock holds.
+    vk_ipc_handle_t never{};
+    never.sock = dup(2);
+    vk_ipc_close(&never);
+    EXPECT_NE(fcntl(never.sock, F_GETFD), -1) << "closed a descriptor it did not open";
+    close(never.sock);
 }
 
 // A dead process's socket file is replaced; a live endpoint's, or a file

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <chrono>
 #include <string>
 #include <vector>
 
@@ -32,14 +31,10 @@ TEST(Os, UdpRoundTripAndReceiveThatDoesNotBlock) {
     EXPECT_EQ(std::string(in.data(), std::size_t(n)), out);
     EXPECT_EQ(from.sin_port, addr.sin_port);
 
-    // Should the receive block after all, this bounds the wait so the test fails instead of hanging.
-    const timeval bound{3, 0};
-    ASSERT_EQ(setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound), 0);
-    const auto started = std::chrono::steady_clock::now();
+    // The socket is a blocking one: a receive that waited would hang until the test's time limit.
     errno = 0;
     EXPECT_EQ(vk_os_recvfrom(fd, in.data(), in.size(), 0, nullptr, nullptr), -1);
     EXPECT_EQ(errno, EAGAIN);
-    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(3)) << "an empty socket answers at once";
     EXPECT_EQ(vk_os_close(fd), 0);
     EXPECT_EQ(vk_os_close(fd), -1);
 }
