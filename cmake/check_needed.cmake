@@ -1,6 +1,6 @@
 # Fails when FILE's dynamic section needs a library outside ALLOWED (a list of
-# name prefixes): run after the device daemon is linked, so a build that would
-# pull the C++ runtime back in stops there.
+# name prefixes): run after the device daemon and tovrinctl are linked, so a
+# build that would pull the C++ runtime back in stops there.
 #   cmake -DREADELF=... -DFILE=... -DALLOWED="libc.so;libcrypto.so" -P check_needed.cmake
 execute_process(COMMAND ${READELF} -d ${FILE} OUTPUT_VARIABLE dyn RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
@@ -19,10 +19,10 @@ foreach(l ${lines})
     endif()
   endforeach()
   if(NOT ok)
-    message(FATAL_ERROR "${FILE} needs ${n}; the device daemon may need only ${ALLOWED}")
+    message(FATAL_ERROR "${FILE} needs ${n}; it may need only ${ALLOWED}")
   endif()
 endforeach()
 if(NOT names)
   message(FATAL_ERROR "${FILE}: no NEEDED entries found (not a dynamic executable?)")
 endif()
-message(STATUS "device daemon needs: ${names}")
+message(STATUS "${FILE} needs: ${names}")

@@ -1,10 +1,10 @@
 #include "tools/tovrinctl/args.h"
 
-#include <charconv>
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
 
-#include "platform/ipc.h"
-#include "relay/app_msg.h"
-#include "tools/tovrinctl/encode.h"
 #include "tools/tovrinctl/endpoints.h"
 #include "tools/tovrinctl/operands.h"
 #include "tools/tovrinctl/table.h"
@@ -23,6 +23,13 @@ bool takes_value(std::string_view opt) {
            opt == "--id";
 }
 
+// val into a NUL-terminated field of n bytes; the caller has checked that it fits.
+template <std::size_t N>
+void copy_text(char (&field)[N], std::string_view val) {
+    std::memcpy(field, val.data(), val.size());
+    field[val.size()] = '\0';
+}
+
 // One option after the command word; returns false with r.error set on refusal.
 bool take_option(parse_result_t &r, std::string_view cmd, std::string_view opt, std::string_view val) {
     options_t &o = r.opts;
@@ -35,7 +42,7 @@ bool take_option(parse_result_t &r, std::string_view cmd, std::string_view opt, 
     if (opt == "--path") {
         if (val.empty() || val[0] != '/' || val.size() >= VK_IPC_PATH_MAX)
             return usage_error(r, "--path needs an endpoint path starting with '/', shorter than 64 bytes");
-        o.path = val;
+        copy_text(o.path, val);
         return true;
     }
     if (opt == "--count" && listen)
@@ -43,7 +50,7 @@ bool take_option(parse_result_t &r, std::string_view cmd, std::string_view opt, 
     if (opt == "--from" && send) return take_number(r, val, parse_i32, false, o.from, "--from needs an endpoint id");
     if (opt == "--name" && send) {
         if (val.size() >= TOVRIN_APP_NAME_LEN) return usage_error(r, "--name is limited to 63 bytes");
-        o.name = val;
+        copy_text(o.name, val);
         return true;
     }
     if (opt == "--id" && send)
@@ -64,128 +71,142 @@ bool take_option(parse_result_t &r, std::string_view cmd, std::string_view opt, 
         o.ack = o.sync = true;  // a synchronous answer is still an answer
         return true;
     }
-    return usage_error(r, "option " + quoted(opt) + " does not apply to '" + std::string(cmd) + "'");
+    return usage_error(r, "option '%.*s' does not apply to '%.*s'", TOVRIN_SV(opt), TOVRIN_SV(cmd));
 }
 
 // The row whose words w start with, and the operands parsed by it.
 bool take_operands(parse_result_t &r, const words_t &w) {
-    std::string forms;  // of the rows under this command word, for an unknown second word
+    char forms[ERROR_MAX] = "";  // of the rows under this command word, for an unknown second word
+    std::size_t used = 0;
     for (const command_spec_t &c : command_table()) {
         if (c.name != w[0]) continue;
         if (c.sub.empty() || (w.size() >= 2 && w[1] == c.sub)) {
             r.opts.cmd = c.cmd;
             return c.parse(r, w, c);
         }
-        forms += (forms.empty() ? "" : " | ") + std::string(c.usage);
+        const int n = std::snprintf(forms + used, sizeof forms - used, "%s%.*s", used ? " | " : "", TOVRIN_SV(c.usage));
+        if (n > 0) used = std::min(sizeof forms - 1, used + std::size_t(n));
     }
-    if (!forms.empty()) return usage_error(r, "usage: " + forms);
-    return usage_error(r, "unknown command " + quoted(w[0]));
+    if (used != 0) return usage_error(r, "usage: %s", forms);
+    return usage_error(r, "unknown command '%.*s'", TOVRIN_SV(w[0]));
 }
 
-std::string make_usage() {
-    // Help starts at this column; a longer form puts it on the next line.
-    constexpr std::size_t HELP_COL = 28;
-    std::string u = "Usage: tovrinctl [--timeout MS] [--path PATH] COMMAND [ARGS]\n\nCommands:\n";
-    for (const command_spec_t &c : command_table()) {
-        std::string line = "  " + std::string(c.usage);
-        line +=
-            line.size() + 2 <= HELP_COL ? std::string(HELP_COL - line.size(), ' ') : "\n" + std::string(HELP_COL, ' ');
-        for (char ch : c.help) line += ch == '\n' ? "\n" + std::string(HELP_COL, ' ') : std::string(1, ch);
-        u += line + "\n";
+// Digits of base, no sign, at most limit.
+std::optional<uint64_t> parse_digits(std::string_view s, uint32_t base, uint64_t limit) {
+    if (s.empty()) return std::nullopt;
+    uint64_t v = 0;
+    for (char ch : s) {
+        uint32_t d = base;
+        if (ch >= '0' && ch <= '9') d = uint32_t(ch - '0');
+        else if (ch >= 'a' && ch <= 'f') d = uint32_t(ch - 'a' + 10);
+        else if (ch >= 'A' && ch <= 'F') d = uint32_t(ch - 'A' + 10);
+        if (d >= base) return std::nullopt;
+        v = v * base + d;
+        if (v > limit) return std::nullopt;
     }
-    u += "\n"
-         "Options:\n"
-         "  --timeout MS              wait this long for a response or answer (default 2000)\n"
-         "  --path PATH               daemon endpoint (default /vk/ipc/tovrin)\n"
-         "  -h, --help                print this text\n"
-         "  --version                 print the version\n"
-         "\n"
-         "Endpoint ids: " +
-         endpoint_ids() +
-         ". Paths are taken below $VK_IPC_ROOT.\n"
-         "Exit status: 0 success, 1 failure, 2 usage error.\n";
-    return u;
+    return v;
 }
 
 }  // namespace
 
 std::optional<uint32_t> parse_u32(std::string_view s) {
-    int base = 10;
+    uint32_t base = 10;
     if (s.size() > 2 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X')) {
         s.remove_prefix(2);
         base = 16;
     }
-    if (s.empty() || s[0] == '-' || s[0] == '+') return std::nullopt;
-    uint32_t v = 0;
-    auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), v, base);
-    if (ec != std::errc() || end != s.data() + s.size()) return std::nullopt;
-    return v;
+    const auto v = parse_digits(s, base, UINT32_MAX);
+    if (!v) return std::nullopt;
+    return uint32_t(*v);
 }
 
 std::optional<int32_t> parse_i32(std::string_view s) {
-    if (s.empty() || s[0] == '+') return std::nullopt;
-    int32_t v = 0;
-    auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), v, 10);
-    if (ec != std::errc() || end != s.data() + s.size()) return std::nullopt;
-    return v;
+    const bool negative = !s.empty() && s[0] == '-';
+    if (negative) s.remove_prefix(1);
+    const auto v = parse_digits(s, 10, negative ? uint64_t(INT32_MAX) + 1 : uint64_t(INT32_MAX));
+    if (!v) return std::nullopt;
+    return int32_t(negative ? -int64_t(*v) : int64_t(*v));
 }
 
-std::string_view usage_text() {
-    static const std::string text = make_usage();
-    return text;
+void print_usage() {
+    // Help starts at this column; a longer form puts it on the next line.
+    constexpr int HELP_COL = 28;
+    std::fputs("Usage: tovrinctl [--timeout MS] [--path PATH] COMMAND [ARGS]\n\nCommands:\n", stdout);
+    for (const command_spec_t &c : command_table()) {
+        const int form = 2 + int(c.usage.size());
+        std::printf("  %.*s", TOVRIN_SV(c.usage));
+        if (form + 2 <= HELP_COL) std::printf("%*s", HELP_COL - form, "");
+        else std::printf("\n%*s", HELP_COL, "");
+        for (char ch : c.help)
+            if (ch == '\n') std::printf("\n%*s", HELP_COL, "");
+            else std::putchar(ch);
+        std::putchar('\n');
+    }
+    std::printf("\n"
+                "Options:\n"
+                "  --timeout MS              wait this long for a response or answer (default 2000)\n"
+                "  --path PATH               daemon endpoint (default /vk/ipc/tovrin)\n"
+                "  -h, --help                print this text\n"
+                "  --version                 print the version\n"
+                "\n"
+                "Endpoint ids: %s. Paths are taken below $VK_IPC_ROOT.\n"
+                "Exit status: 0 success, 1 failure, 2 usage error.\n",
+                endpoint_ids());
 }
 
-parse_result_t parse_args(std::span<const std::string_view> args) {
-    parse_result_t r;
+void parse_args(std::span<char *const> args, parse_result_t &r) {
     words_t words;  // the command word and its operands
     bool only_operands = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
-        std::string_view a = args[i];
+        const std::string_view a = args[i];
         if (!only_operands && a == "--") {
             only_operands = true;
             continue;
         }
         if (only_operands || !is_option(a)) {
-            words.push_back(a);
+            if (words.n == words_t::MAX) {
+                usage_error(r, "too many operands");
+                return;
+            }
+            words.at[words.n++] = a;
             continue;
         }
         if (a == "--help" || a == "-h") {
             r.kind = parse_kind_t::help;
-            return r;
+            return;
         }
         if (a == "--version") {
             r.kind = parse_kind_t::version;
-            return r;
+            return;
         }
         std::string_view opt = a, val;
-        if (auto eq = a.find('='); eq != std::string_view::npos && a.starts_with("--")) {
-            opt = a.substr(0, eq);
-            val = a.substr(eq + 1);
+        if (const std::size_t eq = a.find('='); eq != std::string_view::npos && a[1] == '-') {
+            opt = std::string_view(a.data(), eq);
+            val = std::string_view(a.data() + eq + 1, a.size() - eq - 1);
             if (!takes_value(opt)) {
-                usage_error(r, "option " + quoted(opt) + " takes no value");
-                return r;
+                usage_error(r, "option '%.*s' takes no value", TOVRIN_SV(opt));
+                return;
             }
         } else if (takes_value(opt)) {
             if (i + 1 >= args.size()) {
-                usage_error(r, "option " + quoted(opt) + " needs a value");
-                return r;
+                usage_error(r, "option '%.*s' needs a value", TOVRIN_SV(opt));
+                return;
             }
             val = args[++i];
         }
         // Before the command word only the global options are known.
-        std::string_view cmd = words.empty() ? std::string_view{} : words[0];
+        const std::string_view cmd = words.n == 0 ? std::string_view{} : words[0];
         if (cmd.empty() && opt != "--timeout" && opt != "--path") {
-            usage_error(r, "unknown option " + quoted(opt) + " before the command");
-            return r;
+            usage_error(r, "unknown option '%.*s' before the command", TOVRIN_SV(opt));
+            return;
         }
-        if (!take_option(r, cmd, opt, val)) return r;
+        if (!take_option(r, cmd, opt, val)) return;
     }
-    if (words.empty()) {
+    if (words.n == 0) {
         usage_error(r, "no command given");
-        return r;
+        return;
     }
     take_operands(r, words);
-    return r;
 }
 
 }  // namespace tovrinctl

@@ -3,17 +3,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "tools/tovrinctl/encode.h"
-
 namespace tovrinctl {
 
 namespace {
-
-std::string hex32(uint32_t v) {
-    char buf[16];
-    std::snprintf(buf, sizeof buf, "0x%08x", v);
-    return buf;
-}
 
 template <typename T>
 T get(const uint8_t *at) {
@@ -22,17 +14,39 @@ T get(const uint8_t *at) {
     return v;
 }
 
-}  // namespace
-
-std::string format_ipv4(std::span<const uint8_t, 4> addr) {
-    return std::to_string(addr[0]) + "." + std::to_string(addr[1]) + "." + std::to_string(addr[2]) + "." +
-           std::to_string(addr[3]);
+void print_raw(const char *prefix, uint32_t type, uint32_t flags, std::span<const uint8_t> payload) {
+    std::printf("%stype=%u flags=0x%08x len=%zu payload=", prefix, type, flags, payload.size());
+    print_hex(payload);
+    std::putchar('\n');
 }
 
-std::optional<std::string> format_status(std::span<const uint8_t> payload) {
-    if (payload.size() < 8) return std::nullopt;
-    const int32_t status = get<int32_t>(payload.data() + 4);
-    return "controller " + format_ipv4(payload.first<4>()) + " link " + (status == 1 ? "UP" : "DOWN");
+}  // namespace
+
+ipv4_text_t format_ipv4(const uint8_t *addr) {
+    ipv4_text_t t;
+    std::snprintf(t.s, sizeof t.s, "%u.%u.%u.%u", addr[0], addr[1], addr[2], addr[3]);
+    return t;
+}
+
+void print_hex(std::span<const uint8_t> bytes) {
+    static constexpr char digits[] = "0123456789abcdef";
+    char buf[256];
+    std::size_t n = 0;
+    for (uint8_t b : bytes) {
+        buf[n++] = digits[b >> 4];
+        buf[n++] = digits[b & 0xf];
+        if (n == sizeof buf) std::fwrite(buf, 1, n, stdout), n = 0;
+    }
+    std::fwrite(buf, 1, n, stdout);
+}
+
+bool print_status(std::span<const uint8_t> payload, bool json) {
+    if (payload.size() < 8) return false;
+    const bool up = get<int32_t>(payload.data() + 4) == 1;
+    const ipv4_text_t addr = format_ipv4(payload.data());
+    if (json) std::printf("{\"controller\":\"%s\",\"link_state\":\"%s\"}\n", addr.s, up ? "up" : "down");
+    else std::printf("controller %s link %s\n", addr.s, up ? "UP" : "DOWN");
+    return true;
 }
 
 std::optional<std::array<int32_t, 6>> decode_log_conf(std::span<const uint8_t> payload) {
@@ -42,14 +56,12 @@ std::optional<std::array<int32_t, 6>> decode_log_conf(std::span<const uint8_t> p
     return words;
 }
 
-std::string format_log_conf(const std::array<int32_t, 6> &words) {
-    return "level " + std::to_string(words[2]) + " echo " + std::to_string(words[3]) + " max " +
-           std::to_string(static_cast<uint32_t>(words[5]));
+void print_log_conf(const std::array<int32_t, 6> &words) {
+    std::printf("level %d echo %d max %u\n", int(words[2]), int(words[3]), unsigned(uint32_t(words[5])));
 }
 
-std::string format_response(uint32_t type, uint32_t flags, std::span<const uint8_t> payload) {
-    return "type=" + std::to_string(type) + " flags=" + hex32(flags) + " len=" + std::to_string(payload.size()) +
-           " payload=" + to_hex(payload);
+void print_response(uint32_t type, uint32_t flags, std::span<const uint8_t> payload) {
+    print_raw("", type, flags, payload);
 }
 
 std::optional<tovrin_app_msg_t> decode_app_header(std::span<const uint8_t> payload) {
@@ -59,36 +71,28 @@ std::optional<tovrin_app_msg_t> decode_app_header(std::span<const uint8_t> paylo
     return h;
 }
 
-std::string printable_or_hex(std::span<const uint8_t> data) {
-    for (uint8_t b : data)
-        if (b < 0x20 || b > 0x7e) return to_hex(data);
-    return std::string(data.begin(), data.end());
-}
-
-std::string format_endpoint_msg(uint32_t type, uint32_t env_flags, std::span<const uint8_t> payload) {
-    auto raw = [&] {
-        return "RAW type=" + std::to_string(type) + " flags=" + hex32(env_flags) +
-               " len=" + std::to_string(payload.size()) + " payload=" + to_hex(payload);
-    };
-    auto h = decode_app_header(payload);
-    if (type != TOVRIN_IPC_APP_MSG || !h) return raw();
+void print_endpoint_msg(uint32_t type, uint32_t env_flags, std::span<const uint8_t> payload) {
+    const auto h = decode_app_header(payload);
+    if (type != TOVRIN_IPC_APP_MSG || !h) return print_raw("RAW ", type, env_flags, payload);
     // Show what actually arrived, up to the length the header claims.
     std::span<const uint8_t> data = payload.subspan(TOVRIN_APP_HDR_LEN);
     if (data.size() > h->len) data = data.first(h->len);
 
     if (h->flags & TOVRIN_MSG_F_STATUS) {
-        if (data.size() < 8) return raw();
-        const int32_t status = get<int32_t>(data.data() + 4);
-        return std::string("STATUS ") + (status == 1 ? "UP" : "DOWN") + " controller " + format_ipv4(data.first<4>()) +
-               " id " + std::to_string(h->id);
+        if (data.size() < 8) return print_raw("RAW ", type, env_flags, payload);
+        const bool up = get<int32_t>(data.data() + 4) == 1;
+        std::printf("STATUS %s controller %s id %u\n", up ? "UP" : "DOWN", format_ipv4(data.data()).s, h->id);
+    } else if (h->flags & TOVRIN_MSG_F_FROM_CTRL) {
+        std::printf("MSG id=%u src=%d dst=%d len=%u data=", h->id, int(h->src_ep), int(h->dst_ep), h->len);
+        bool text = true;
+        for (uint8_t b : data) text = text && b >= 0x20 && b <= 0x7e;
+        if (text) std::fwrite(data.data(), 1, data.size(), stdout);
+        else print_hex(data);
+        std::putchar('\n');
+    } else {
+        std::printf("ANSWER id=%u dst=%d len=%u flags=0x%08x %s\n", h->id, int(h->dst_ep), h->len, h->flags,
+                    (h->flags & TOVRIN_MSG_F_FAILED) ? "FAILED" : "OK");
     }
-    if (h->flags & TOVRIN_MSG_F_FROM_CTRL)
-        return "MSG id=" + std::to_string(h->id) + " src=" + std::to_string(h->src_ep) +
-               " dst=" + std::to_string(h->dst_ep) + " len=" + std::to_string(h->len) +
-               " data=" + printable_or_hex(data);
-    return "ANSWER id=" + std::to_string(h->id) + " dst=" + std::to_string(h->dst_ep) +
-           " len=" + std::to_string(h->len) + " flags=" + hex32(h->flags) +
-           ((h->flags & TOVRIN_MSG_F_FAILED) ? " FAILED" : " OK");
 }
 
 }  // namespace tovrinctl

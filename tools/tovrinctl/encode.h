@@ -1,23 +1,24 @@
 #pragma once
 // Payloads of the commands tovrinctl sends, host byte order except where an
-// IPv4 address is carried (network order, as the daemon keeps it).
+// IPv4 address is carried (network order, as the daemon keeps it). Each is
+// written into the caller's buffer and returned as the part written.
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
-#include <string>
 #include <string_view>
-#include <vector>
 
 namespace tovrinctl {
 
-// Even count of hex digits, optional "0x" prefix; nullopt on anything else.
-std::optional<std::vector<uint8_t>> parse_hex(std::string_view text);
-// Lower-case hex, two digits per byte, no separators.
-std::string to_hex(std::span<const uint8_t> bytes);
+// The byte count of an even count of hex digits with an optional "0x"
+// prefix; nullopt on anything else.
+std::optional<std::size_t> hex_length(std::string_view text);
+// The bytes of text, which hex_length accepted, into out (hex_length of them).
+void decode_hex(std::string_view text, uint8_t *out);
 
-// Notification 180: 32-bit length, then the key bytes.
-std::vector<uint8_t> encode_key(std::span<const uint8_t> key);
+// Notification 180: 32-bit length, then the key bytes; out holds 4 more than the key.
+std::span<const uint8_t> encode_key(std::span<const uint8_t> key, std::span<uint8_t> out);
 // Notification 181: the signed 32-bit state.
 std::array<uint8_t, 4> encode_encrypt(int32_t state);
 // Notification 149: dotted IPv4 text -> the 4 address bytes, first octet first.
@@ -35,7 +36,9 @@ struct app_fields_t {
     int32_t dst_ep = 0;
 };
 // Notification 122: the 84-byte application header (len = data size) and the
-// data. nullopt when the data would not fit one IPC message or the name its field.
-std::optional<std::vector<uint8_t>> encode_app_msg(const app_fields_t &f, std::span<const uint8_t> data);
+// data. nullopt when the data would not fit out or one IPC message, or the
+// name its field.
+std::optional<std::span<const uint8_t>> encode_app_msg(const app_fields_t &f, std::span<const uint8_t> data,
+                                                       std::span<uint8_t> out);
 
 }  // namespace tovrinctl

@@ -1,8 +1,9 @@
 #pragma once
 // Local application endpoints for tovrinctl, read from the tree's one table
 // (relay/endpoint_table.h).
+#include <array>
+#include <cstddef>
 #include <cstdint>
-#include <string>
 #include <string_view>
 
 #include "relay/endpoint_table.h"
@@ -15,11 +16,20 @@ constexpr std::string_view endpoint_path(int32_t id) {
     return ep != nullptr ? std::string_view(ep->path) : std::string_view();
 }
 
-// The known ids, separated by spaces, for usage and error lines.
-inline std::string endpoint_ids() {
-    std::string s;
-    for (const tovrin_app_ep_t *ep = app_ep; ep->id != -1; ++ep) s += (s.empty() ? "" : " ") + std::to_string(ep->id);
+// The known ids, separated by spaces, for usage and error lines; made at
+// compile time (the ids are positive).
+inline constexpr std::array<char, 12 * TOVRIN_APP_EP_COUNT> ENDPOINT_IDS = [] {
+    std::array<char, 12 * TOVRIN_APP_EP_COUNT> s{};
+    std::size_t n = 0;
+    for (std::size_t i = 0; i < TOVRIN_APP_EP_COUNT; ++i) {
+        if (i != 0) s[n++] = ' ';
+        char digits[10]{};
+        std::size_t k = 0;
+        for (uint32_t v = uint32_t(app_ep[i].id); v != 0 || k == 0; v /= 10) digits[k++] = char('0' + v % 10);
+        while (k != 0) s[n++] = digits[--k];
+    }
     return s;
-}
+}();
+inline const char *endpoint_ids() { return ENDPOINT_IDS.data(); }
 
 }  // namespace tovrinctl

@@ -4,8 +4,10 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 namespace tovrinctl {
 
@@ -19,9 +21,11 @@ void on_signal(int) { g_signalled = 1; }
 
 }  // namespace
 
-std::string ipc_full_path(std::string_view path) {
+full_path_t ipc_full_path(std::string_view path) {
     const char *root = std::getenv("VK_IPC_ROOT");
-    return std::string(root ? root : "") + std::string(path);
+    full_path_t p;
+    std::snprintf(p.s, sizeof p.s, "%s%.*s", root ? root : "", static_cast<int>(path.size()), path.data());
+    return p;
 }
 
 ipc_endpoint::~ipc_endpoint() {
@@ -56,18 +60,23 @@ int ipc_send(ipc_endpoint &ep, std::string_view peer, uint32_t type, uint32_t fl
     return 0;
 }
 
-wait_t ipc_wait(ipc_endpoint &ep, vk_ipc_msg_t &msg, std::optional<wait_clock::time_point> deadline) {
+int64_t now_ms() {
+    timespec t{};
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return int64_t(t.tv_sec) * 1000 + t.tv_nsec / 1000000;
+}
+
+wait_t ipc_wait(ipc_endpoint &ep, vk_ipc_msg_t &msg, int64_t deadline_ms) {
     const int fd = ep.handle()->sock;
     for (;;) {
         if (g_signalled) return wait_t::interrupted;
         timespec ts{};
         timespec *tsp = nullptr;
-        if (deadline) {
-            auto left = *deadline - wait_clock::now();
-            if (left <= wait_clock::duration::zero()) return wait_t::timeout;
-            auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
-            ts.tv_sec = static_cast<time_t>(ns / 1000000000);
-            ts.tv_nsec = static_cast<long>(ns % 1000000000);
+        if (deadline_ms != NO_DEADLINE) {
+            const int64_t left = deadline_ms - now_ms();
+            if (left <= 0) return wait_t::timeout;
+            ts.tv_sec = static_cast<time_t>(left / 1000);
+            ts.tv_nsec = static_cast<long>(left % 1000) * 1000000;
             tsp = &ts;
         }
         fd_set set;

@@ -1,8 +1,8 @@
 #include "tools/tovrinctl/stats_format.h"
 
+#include <cinttypes>
+#include <cstdio>
 #include <cstring>
-#include <utility>
-#include <vector>
 
 #include "tools/tovrinctl/decode.h"
 #include "tools/tovrinctl/endpoints.h"
@@ -11,20 +11,31 @@ namespace tovrinctl {
 
 namespace {
 
-std::string controller_of(const tovrin_counters_t &c) {
-    std::array<uint8_t, 4> a{};
-    std::memcpy(a.data(), &c.controller, 4);
+ipv4_text_t controller_of(const tovrin_counters_t &c) {
+    uint8_t a[4];
+    std::memcpy(a, &c.controller, 4);
     return format_ipv4(a);
 }
 
 // Endpoint labels in the daemon's slot order: the table's ids, then "other".
-std::string endpoint_label(std::size_t slot) {
-    return slot < TOVRIN_APP_EP_COUNT ? std::to_string(app_ep[slot].id) : "other";
+struct label_t {
+    char s[12];
+};
+label_t endpoint_label(std::size_t slot) {
+    label_t l;
+    if (slot < TOVRIN_APP_EP_COUNT) std::snprintf(l.s, sizeof l.s, "%d", int(app_ep[slot].id));
+    else std::snprintf(l.s, sizeof l.s, "other");
+    return l;
 }
 
+struct plain_t {
+    const char *name;
+    uint64_t value;
+};
 // The plain counters, in the order every format prints them.
-std::vector<std::pair<const char *, uint64_t>> plain(const tovrin_counters_t &c) {
-    return {
+template <typename Each>
+void for_each_plain(const tovrin_counters_t &c, Each each) {
+    const plain_t plain[] = {
         {"link_ups", c.link_ups},
         {"link_downs", c.link_downs},
         {"registrations_sent", c.registrations_sent},
@@ -44,74 +55,74 @@ std::vector<std::pair<const char *, uint64_t>> plain(const tovrin_counters_t &c)
         {"backlog_depth", c.backlog_depth},
         {"backlog_dropped", c.backlog_dropped},
     };
+    for (const plain_t &p : plain) each(p.name, p.value);
 }
 
-std::string json_key(const std::string &k) { return "\"" + k + "\":"; }
+// The start of a table row: the name, then the value from column 30.
+void row(const char *name) { std::printf("  %-27s ", name); }
+
+void family(const char *name, const char *type, const char *help) {
+    std::printf("# HELP %s %s\n# TYPE %s %s\n", name, help, name, type);
+}
 
 }  // namespace
 
-std::optional<tovrin_counters_t> decode_stats(std::span<const uint8_t> payload, std::string &why) {
+std::optional<tovrin_counters_t> decode_stats(std::span<const uint8_t> payload, char *why, std::size_t why_size) {
     tovrin_counters_t c{};
     if (payload.size() < 16) {
-        why = "answer of " + std::to_string(payload.size()) + " bytes, too short for a counters record";
+        std::snprintf(why, why_size, "answer of %zu bytes, too short for a counters record", payload.size());
         return std::nullopt;
     }
     std::memcpy(&c, payload.data(), 16);
     if (c.version != TOVRIN_STATS_VERSION || c.size != sizeof c || c.refusal_count != TOVRIN_REFUSAL_COUNT ||
         c.endpoint_count != TOVRIN_STATS_ENDPOINTS || payload.size() != sizeof c) {
-        why = "counters record version " + std::to_string(c.version) + " of " + std::to_string(c.size) +
-              " bytes with " + std::to_string(c.refusal_count) + " reasons; this tovrinctl reads version " +
-              std::to_string(TOVRIN_STATS_VERSION) + " of " + std::to_string(sizeof c) + " bytes with " +
-              std::to_string(TOVRIN_REFUSAL_COUNT);
+        std::snprintf(why, why_size,
+                      "counters record version %u of %u bytes with %u reasons; this tovrinctl reads version %u of %zu "
+                      "bytes with %zu",
+                      c.version, c.size, c.refusal_count, TOVRIN_STATS_VERSION, sizeof c,
+                      std::size_t(TOVRIN_REFUSAL_COUNT));
         return std::nullopt;
     }
     std::memcpy(&c, payload.data(), sizeof c);
     return c;
 }
 
-std::string format_stats_text(const tovrin_counters_t &c) {
-    auto row = [](const std::string &name, const std::string &value) {
-        std::string line = "  " + name;
-        line.resize(std::max<std::size_t>(line.size() + 1, 30), ' ');
-        return line + value + "\n";
-    };
-    std::string out = "link " + std::string(c.link_up ? "UP" : "DOWN") + " controller " + controller_of(c) + " for " +
-                      std::to_string(c.seconds_in_state) + " s\n";
-    for (const auto &[name, v] : plain(c)) out += row(name, std::to_string(v));
-    out += "refused by reason (others 0):\n";
+void print_stats_text(const tovrin_counters_t &c) {
+    std::printf("link %s controller %s for %" PRIu64 " s\n", c.link_up ? "UP" : "DOWN", controller_of(c).s,
+                uint64_t(c.seconds_in_state));
+    for_each_plain(c, [](const char *name, uint64_t v) {
+        row(name);
+        std::printf("%" PRIu64 "\n", v);
+    });
+    std::puts("refused by reason (others 0):");
     for (std::size_t i = 0; i < TOVRIN_REFUSAL_COUNT; ++i)
-        if (c.refused[i] != 0) out += row(tovrin_refusal_names[i], std::to_string(c.refused[i]));
-    out += "waiting room by endpoint (depth dropped):\n";
-    for (std::size_t i = 0; i < TOVRIN_STATS_ENDPOINTS; ++i)
-        out += row(endpoint_label(i),
-                   std::to_string(c.backlog_depth_by_ep[i]) + " " + std::to_string(c.backlog_dropped_by_ep[i]));
-    return out;
+        if (c.refused[i] != 0) {
+            row(tovrin_refusal_names[i]);
+            std::printf("%" PRIu64 "\n", uint64_t(c.refused[i]));
+        }
+    std::puts("waiting room by endpoint (depth dropped):");
+    for (std::size_t i = 0; i < TOVRIN_STATS_ENDPOINTS; ++i) {
+        row(endpoint_label(i).s);
+        std::printf("%" PRIu64 " %" PRIu64 "\n", uint64_t(c.backlog_depth_by_ep[i]),
+                    uint64_t(c.backlog_dropped_by_ep[i]));
+    }
 }
 
-std::string format_stats_json(const tovrin_counters_t &c) {
-    std::string out = "{" + json_key("link_state") + (c.link_up ? "\"up\"" : "\"down\"") + "," +
-                      json_key("controller") + "\"" + controller_of(c) + "\"," + json_key("seconds_in_state") +
-                      std::to_string(c.seconds_in_state);
-    for (const auto &[name, v] : plain(c)) out += "," + json_key(name) + std::to_string(v);
-    out += "," + json_key("refused_by_reason") + "{";
+void print_stats_json(const tovrin_counters_t &c) {
+    std::printf("{\"link_state\":\"%s\",\"controller\":\"%s\",\"seconds_in_state\":%" PRIu64,
+                c.link_up ? "up" : "down", controller_of(c).s, uint64_t(c.seconds_in_state));
+    for_each_plain(c, [](const char *name, uint64_t v) { std::printf(",\"%s\":%" PRIu64, name, v); });
+    std::fputs(",\"refused_by_reason\":{", stdout);
     for (std::size_t i = 0; i < TOVRIN_REFUSAL_COUNT; ++i)
-        out += (i ? "," : "") + json_key(tovrin_refusal_names[i]) + std::to_string(c.refused[i]);
-    out += "}," + json_key("backlog_by_endpoint") + "{";
+        std::printf("%s\"%s\":%" PRIu64, i ? "," : "", tovrin_refusal_names[i], uint64_t(c.refused[i]));
+    std::fputs("},\"backlog_by_endpoint\":{", stdout);
     for (std::size_t i = 0; i < TOVRIN_STATS_ENDPOINTS; ++i)
-        out += (i ? "," : "") + json_key(endpoint_label(i)) + "{" + json_key("depth") +
-               std::to_string(c.backlog_depth_by_ep[i]) + "," + json_key("dropped") +
-               std::to_string(c.backlog_dropped_by_ep[i]) + "}";
-    return out + "}}\n";
+        std::printf("%s\"%s\":{\"depth\":%" PRIu64 ",\"dropped\":%" PRIu64 "}", i ? "," : "", endpoint_label(i).s,
+                    uint64_t(c.backlog_depth_by_ep[i]), uint64_t(c.backlog_dropped_by_ep[i]));
+    std::fputs("}}\n", stdout);
 }
 
-std::string format_stats_prometheus(const tovrin_counters_t &c) {
-    std::string out;
-    auto family = [&out](const std::string &name, const char *type, const char *help) {
-        out += "# HELP " + name + " " + help + "\n# TYPE " + name + " " + type + "\n";
-    };
-    auto sample = [&out](const std::string &name, uint64_t v, const std::string &labels = "") {
-        out += name + (labels.empty() ? "" : "{" + labels + "}") + " " + std::to_string(v) + "\n";
-    };
+void print_stats_prometheus(const tovrin_counters_t &c) {
     struct metric_t {
         const char *name, *type, *help;
         uint64_t value;
@@ -144,29 +155,23 @@ std::string format_stats_prometheus(const tovrin_counters_t &c) {
     };
     for (const metric_t &m : metrics) {
         family(m.name, m.type, m.help);
-        sample(m.name, m.value);
+        std::printf("%s %" PRIu64 "\n", m.name, m.value);
     }
     family("tovrin_controller_info", "gauge", "The controller's address, as a label.");
-    sample("tovrin_controller_info", 1, "controller=\"" + controller_of(c) + "\"");
+    std::printf("tovrin_controller_info{controller=\"%s\"} 1\n", controller_of(c).s);
     family("tovrin_refused_total", "counter", "Datagrams and IPC messages refused, by reason.");
     for (std::size_t i = 0; i < TOVRIN_REFUSAL_COUNT; ++i)
-        sample("tovrin_refused_total", c.refused[i], std::string("reason=\"") + tovrin_refusal_names[i] + "\"");
+        std::printf("tovrin_refused_total{reason=\"%s\"} %" PRIu64 "\n", tovrin_refusal_names[i],
+                    uint64_t(c.refused[i]));
     family("tovrin_backlog_messages", "gauge", "Messages waiting for a busy local endpoint, by endpoint.");
     for (std::size_t i = 0; i < TOVRIN_STATS_ENDPOINTS; ++i)
-        sample("tovrin_backlog_messages", c.backlog_depth_by_ep[i], "endpoint=\"" + endpoint_label(i) + "\"");
+        std::printf("tovrin_backlog_messages{endpoint=\"%s\"} %" PRIu64 "\n", endpoint_label(i).s,
+                    uint64_t(c.backlog_depth_by_ep[i]));
     family("tovrin_backlog_dropped_total", "counter",
            "Messages given up while waiting for a local endpoint, by endpoint.");
     for (std::size_t i = 0; i < TOVRIN_STATS_ENDPOINTS; ++i)
-        sample("tovrin_backlog_dropped_total", c.backlog_dropped_by_ep[i], "endpoint=\"" + endpoint_label(i) + "\"");
-    return out;
-}
-
-std::optional<std::string> format_status_json(std::span<const uint8_t> payload) {
-    if (payload.size() < 8) return std::nullopt;
-    int32_t status = 0;
-    std::memcpy(&status, payload.data() + 4, 4);
-    return "{\"controller\":\"" + format_ipv4(payload.first<4>()) + "\",\"link_state\":\"" +
-           (status == 1 ? "up" : "down") + "\"}";
+        std::printf("tovrin_backlog_dropped_total{endpoint=\"%s\"} %" PRIu64 "\n", endpoint_label(i).s,
+                    uint64_t(c.backlog_dropped_by_ep[i]));
 }
 
 }  // namespace tovrinctl

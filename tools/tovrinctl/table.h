@@ -3,15 +3,22 @@
 // operand form and help line, the parser of its operands and the action that
 // runs it. The usage text and the dispatch of both parsing and running are
 // made from this table, so help and behaviour cannot disagree.
+#include <cstddef>
 #include <span>
 #include <string_view>
-#include <vector>
 
 #include "tools/tovrinctl/args.h"
 
 namespace tovrinctl {
 
-using words_t = std::vector<std::string_view>;
+// The command word and its operands. More words than fit are refused.
+struct words_t {
+    static constexpr std::size_t MAX = 32;
+    std::string_view at[MAX];
+    std::size_t n = 0;
+    std::size_t size() const { return n; }
+    std::string_view operator[](std::size_t i) const { return at[i]; }
+};
 
 struct command_spec_t {
     command_t cmd;
