@@ -1,8 +1,7 @@
 #pragma once
 // The local application endpoints, id and IPC endpoint path, written once for
 // the whole tree: the daemon, tovrinctl, bench/, the simulation and the fuzz
-// targets read them from here. tests/e2e/lib.sh keeps the shell's copy,
-// checked against this table by tests/tools/ctl_transcript_test.cpp.
+// targets read them from here, and so does tests/e2e/lib.sh.
 #include <cstddef>
 #include <cstdint>
 

@@ -69,7 +69,6 @@ TEST_F(LinkStatus, DownWhileAlreadyDownStillReportsButDoesNotRegister) {
 
 TEST_F(LinkStatus, NewControllerAddressWhileUpClosesDownAndRegistersAnew) {
     bring_up();
-    int old_sock = tovrin_gbl.sock;
     clear_captures();
     set_controller(kOther);
     // The close reported DOWN; its registration found no socket.
@@ -81,7 +80,6 @@ TEST_F(LinkStatus, NewControllerAddressWhileUpClosesDownAndRegistersAnew) {
     ASSERT_EQ(reqs.size(), 1u);
     EXPECT_EQ(reqs[0].ip, kOther);
     EXPECT_EQ(tovrin_gbl.drav_ip, kOther);
-    (void)old_sock;
     // Datagrams from the old controller now change nothing.
     from_ctrl(reg_response(), kCtrl);
     EXPECT_EQ(tovrin_gbl.status, 0);

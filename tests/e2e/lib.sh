@@ -100,13 +100,9 @@ start_listen() {
     E2E_PIDS+=($!)
     wait_until 30 test -S "$VK_IPC_ROOT$(endpoint_path "$1")"
 }
-# The ids and paths of relay/endpoint_table.h (tests/tools/ctl_transcript_test.cpp checks).
+# The path of endpoint id, read from the tree's one table (relay/endpoint_table.h).
 endpoint_path() {
-    case $1 in
-    101) echo /vk/ipc/gelvar ;; 102) echo /vk/ipc/hostun ;; 105) echo /vk/ipc/prindal ;;
-    106) echo /vk/ipc/quelon ;; 107) echo /vk/ipc/rastim ;; 108) echo /vk/ipc/sorvek ;;
-    109) echo /vk/ipc/tumbel ;;
-    esac
+    grep -o "{$1, \"[^\"]*\"}" "$E2E_ROOT/relay/endpoint_table.h" | cut -d'"' -f2
 }
 
 # Brings the link up: simulator (with ARGS), daemon, a listener on 101, the controller address.
