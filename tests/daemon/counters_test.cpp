@@ -27,17 +27,6 @@ protected:
     static std::vector<uint8_t> good(uint8_t trans, int32_t dst = 101, uint8_t flags = 0x24) {
         return frame(flags, 0, trans, 0, plain_payload(9, dst, {'h', 'i', '!'}));
     }
-    static std::vector<uint8_t> pattern(std::size_t n) {
-        std::vector<uint8_t> v(n);
-        for (std::size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(i * 7 + 1);
-        return v;
-    }
-    void karate(int32_t app, uint32_t rate) {
-        std::vector<uint8_t> p(8);
-        std::memcpy(p.data(), &app, 4);
-        std::memcpy(p.data() + 4, &rate, 4);
-        notify(TOVRIN_IPC_KARATE, p);
-    }
     // Endpoint 101 full, and as many of the controller's messages waiting for it as the room takes.
     void fill_waiting_room() {
         set_level(1);

@@ -5,7 +5,6 @@
 #include <dlfcn.h>
 
 #include "core/ipc_codes.h"
-#include "ipc_payloads.h"
 #include "world.h"
 
 namespace {

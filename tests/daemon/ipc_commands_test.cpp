@@ -13,12 +13,6 @@
 
 namespace {
 
-std::vector<uint8_t> word(uint32_t v) {
-    std::vector<uint8_t> p(4);
-    std::memcpy(p.data(), &v, 4);
-    return p;
-}
-
 const sim::IpcSent *last_response() {
     const auto &all = sim::ipc_sent();
     for (auto it = all.rbegin(); it != all.rend(); ++it)
@@ -77,19 +71,19 @@ TEST_F(IpcCommands, ControllerStatusBeforeAndAfterTheLinkComesUp) {
 
     bring_up();
     request(TOVRIN_IPC_GET_DRAV, {});
-    std::vector<uint8_t> expect = word(kCtrl);
-    std::vector<uint8_t> up = word(1);
+    std::vector<uint8_t> expect = word_payload(kCtrl);
+    std::vector<uint8_t> up = word_payload(1);
     expect.insert(expect.end(), up.begin(), up.end());
     EXPECT_EQ(hex(last_response()->payload), hex(expect));
 }
 
 TEST_F(IpcCommands, FlagsDecideBetweenRequestAndNotification) {
     // 0x2 makes any code a request; 0x4 (a response) is handled as a notification.
-    sim::ipc_inject(TOVRIN_IPC_CTRL_IP, VK_IPC_F_RESPONSE, word(kCtrl));
+    sim::ipc_inject(TOVRIN_IPC_CTRL_IP, VK_IPC_F_RESPONSE, word_payload(kCtrl));
     sim::settle();
     EXPECT_EQ(tovrin_gbl.drav_ip, kCtrl);
     EXPECT_EQ(responses(), 0);
-    sim::ipc_inject(TOVRIN_IPC_CTRL_IP, VK_IPC_F_REQUEST | VK_IPC_F_NOTIFY, word(kOther));
+    sim::ipc_inject(TOVRIN_IPC_CTRL_IP, VK_IPC_F_REQUEST | VK_IPC_F_NOTIFY, word_payload(kOther));
     sim::settle();
     EXPECT_EQ(tovrin_gbl.drav_ip, kCtrl);
     EXPECT_EQ(responses(), 1);
@@ -125,7 +119,7 @@ TEST_F(IpcCommands, SystemReadyAndSysmonHeartbeat) {
     const auto &hb = sim::ipc_sent()[0];
     EXPECT_EQ(hb.peer, "/vk/ipc/sysmon");
     EXPECT_EQ(hb.type, 2u);
-    EXPECT_EQ(hex(hb.payload), hex(word(80)));
+    EXPECT_EQ(hex(hb.payload), hex(word_payload(80)));
 }
 
 TEST_F(IpcCommands, KeyIsStoredOnlyWhenItFitsBothTheFieldAndWhatArrived) {
@@ -143,7 +137,7 @@ TEST_F(IpcCommands, KeyIsStoredOnlyWhenItFitsBothTheFieldAndWhatArrived) {
     const Case refused[] = {{32, 32}, {21, 21}, {16, 15}, {0xffffffff, 4}};
     for (const Case &c : refused) {
         SCOPED_TRACE(c.claimed);
-        std::vector<uint8_t> p = word(c.claimed);
+        std::vector<uint8_t> p = word_payload(c.claimed);
         p.resize(4 + c.sent, 0x11);
         notify(TOVRIN_IPC_SET_KEY, p);
         EXPECT_EQ(tovrin_gbl.keylen, 16u);
@@ -156,11 +150,11 @@ TEST_F(IpcCommands, KeyIsStoredOnlyWhenItFitsBothTheFieldAndWhatArrived) {
 }
 
 TEST_F(IpcCommands, EncryptionStateIsStoredAsGiven) {
-    notify(TOVRIN_IPC_SET_ENCRYPT, word(2));
+    notify(TOVRIN_IPC_SET_ENCRYPT, word_payload(2));
     EXPECT_EQ(tovrin_gbl.encrypt_state, 2);
     EXPECT_TRUE(logged("Set encrypt state IPC received\n"));
     EXPECT_TRUE(logged("DBG: >>tovrin_proc_set_encryption_state<<: state=2\n"));
-    notify(TOVRIN_IPC_SET_ENCRYPT, word(1));
+    notify(TOVRIN_IPC_SET_ENCRYPT, word_payload(1));
     EXPECT_EQ(tovrin_gbl.encrypt_state, 1);
 }
 
@@ -219,7 +213,7 @@ TEST_F(IpcCommands, LogConfigurationRoundTripsThroughIpc) {
     EXPECT_EQ(vk_log_conf_data[VK_LOG_W_MAXSIZE], 4096);
     // At level 1 the debug lines stop and notes go on.
     std::string before = log_text();
-    notify(TOVRIN_IPC_SET_ENCRYPT, word(3));
+    notify(TOVRIN_IPC_SET_ENCRYPT, word_payload(3));
     EXPECT_EQ(log_text(), before);
     request(77, {});
     EXPECT_TRUE(logged("Not expecting message 77 type Request/Response"));

@@ -7,13 +7,6 @@
 
 namespace {
 
-std::vector<uint8_t> rate_req(int32_t app, uint32_t rate) {
-    std::vector<uint8_t> p(8);
-    std::memcpy(p.data(), &app, 4);
-    std::memcpy(p.data() + 4, &rate, 4);
-    return p;
-}
-
 using Table = std::vector<std::pair<int32_t, uint32_t>>;
 
 Table table() {
@@ -25,10 +18,7 @@ Table table() {
 
 }  // namespace
 
-class Keepalive : public World {
-protected:
-    void karate(int32_t app, uint32_t rate) { notify(TOVRIN_IPC_KARATE, rate_req(app, rate)); }
-};
+using Keepalive = World;
 
 TEST_F(Keepalive, RequestIsByteExact) {
     sim::node_set_mac("00:a0:b1:c2:d3:e4");

@@ -4,7 +4,6 @@
 #include <cstdlib>
 
 #include "core/ipc_codes.h"
-#include "ipc_payloads.h"
 #include "link/cipher.h"
 #include "world.h"
 

@@ -27,11 +27,6 @@ protected:
             if (!(a.hdr.flags & TOVRIN_MSG_F_STATUS)) out.push_back(a);
         return out;
     }
-    static std::vector<uint8_t> pattern(std::size_t n) {
-        std::vector<uint8_t> v(n);
-        for (std::size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(i * 5 + 2);
-        return v;
-    }
 };
 
 TEST_F(Relay, WhileDownTheSenderGetsItsHeaderBackFailedIfItAsked) {

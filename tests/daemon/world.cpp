@@ -11,7 +11,6 @@
 #include <sstream>
 
 #include "core/ipc_codes.h"
-#include "ipc_payloads.h"
 #include "core/reset.h"
 #include "core/startup.h"
 #include "platform/eloop.h"
@@ -130,6 +129,18 @@ std::vector<uint8_t> World::link_bytes() {
 }
 
 void World::set_key(const std::vector<uint8_t> &key) { notify(TOVRIN_IPC_SET_KEY, key_payload(key)); }
+
+void World::karate(int32_t app, uint32_t rate) {
+    std::vector<uint8_t> p = word_payload(uint32_t(app)), r = word_payload(rate);
+    p.insert(p.end(), r.begin(), r.end());
+    notify(TOVRIN_IPC_KARATE, p);
+}
+
+std::vector<uint8_t> pattern(std::size_t n) {
+    std::vector<uint8_t> v(n);
+    for (std::size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(i * 7 + 1);
+    return v;
+}
 
 void World::set_level(int level) { vk_log_conf_data[VK_LOG_W_LEVEL] = level; }
 

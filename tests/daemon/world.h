@@ -11,6 +11,7 @@
 #include "link/record.h"
 #include "link/wire.h"
 #include "relay/app_msg.h"
+#include "ipc_payloads.h"
 #include "packets.h"
 #include "sim.h"
 
@@ -35,6 +36,8 @@ struct AppSeen {
     std::vector<uint8_t> data;
 };
 AppSeen decode_app(const sim::IpcSent &m);
+// n data bytes that differ from their neighbours, so a misplaced byte shows.
+std::vector<uint8_t> pattern(std::size_t n);
 
 class World : public ::testing::Test {
 protected:
@@ -56,6 +59,8 @@ protected:
     // A local application message whose header is given whole: its len may disagree with data.
     void app_send_hdr(const tovrin_app_msg_t &h, const std::vector<uint8_t> &data);
     void set_key(const std::vector<uint8_t> &key);
+    // Notification 121: keepalive rate for an application.
+    void karate(int32_t app, uint32_t rate);
     void set_level(int level);
     // Runs the world while the controller answers every keepalive at once.
     void run_answering(uint64_t us);
