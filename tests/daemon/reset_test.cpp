@@ -19,7 +19,6 @@
 #include "relay/backlog.h"
 #include "relay/relay.h"
 #include "session/keepalive.h"
-#include "tests/host_order.h"
 #include "world.h"
 
 namespace {
@@ -152,11 +151,8 @@ TEST_F(Reset, BringsBackEveryGlobalAsAtProcessStart) {
     tovrin_send_queue_configure("3");
     bring_up();
     set_key(std::vector<uint8_t>(16, 0x5a));
-    // IPC payloads are host order: the words' bytes are made on this host.
-    notify(TOVRIN_IPC_SET_ENCRYPT, host_order::b32(1));
-    std::vector<uint8_t> karate = host_order::b32(7), rate = host_order::b32(1000);  // app 7, 1000 ms
-    karate.insert(karate.end(), rate.begin(), rate.end());
-    notify(TOVRIN_IPC_KARATE, karate);
+    notify(TOVRIN_IPC_SET_ENCRYPT, word_payload(1));
+    karate(7, 1000);
     app_send(101, 300, TOVRIN_MSG_F_ACK_REQ, {1, 2, 3});
     app_send(101, 300, TOVRIN_MSG_F_ACK_REQ, {4, 5, 6});  // waits behind the first
     app_send(101, 300, TOVRIN_MSG_F_ACK_REQ, {7, 8, 9});
