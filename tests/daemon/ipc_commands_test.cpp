@@ -44,15 +44,17 @@ TEST_F(IpcCommands, EveryRequestGetsOneResponseWithItsCodeToItsSender) {
         {TOVRIN_IPC_CTRL_IP, 0, "Not expecting message 149 type Request/Response"},
         {999, 0, "Not expecting message 999 type Request/Response"},
     };
+    // The longest path an endpoint can have: the answer reaches it whole.
+    const std::string asker = "/vk/ipc/" + std::string(VK_IPC_PATH_MAX - 1 - 8, 'a');
     for (const Case &c : cases) {
         SCOPED_TRACE(c.code);
         clear_captures();
-        request(c.code, {1, 2, 3, 4}, "/vk/ipc/asker");
+        request(c.code, {1, 2, 3, 4}, asker);
         ASSERT_EQ(responses(), 1);
         const sim::IpcSent *r = last_response();
         EXPECT_EQ(r->type, c.code);
         EXPECT_EQ(r->flags, VK_IPC_F_RESPONSE);
-        EXPECT_EQ(r->peer, "/vk/ipc/asker");
+        EXPECT_EQ(r->peer, asker);
         EXPECT_EQ(r->len, c.len);
         if (c.note != nullptr) {
             EXPECT_TRUE(logged(c.note));

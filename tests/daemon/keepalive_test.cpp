@@ -149,9 +149,11 @@ TEST_F(Keepalive, ShorterRateRestartsTheTimerOnlyWhileUp) {
     EXPECT_EQ(t[1], 300 * kMs);
     EXPECT_EQ(t[2], 900 * kMs);
     EXPECT_EQ(sim::pending_timeouts(tovrin_send_keepalive), 1u);
-    // A longer rate does not restart: the pending tick runs out on the old period.
+    // An equal or longer rate does not restart: the pending tick runs out on the old period.
     uint64_t next = *sim::next_timeout_of(tovrin_send_keepalive);
     karate(8, 1);  // refused, no effect
+    karate(8, 3000);
+    EXPECT_EQ(*sim::next_timeout_of(tovrin_send_keepalive), next);
     karate(7, 4000);
     EXPECT_EQ(*sim::next_timeout_of(tovrin_send_keepalive), next);
 }
