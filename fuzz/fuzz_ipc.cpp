@@ -13,8 +13,10 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     fz::Input in(data, size);
     const uint8_t mode = fz::begin(in);
-    if (mode & 1) fz::bring_up();
-    else if (mode & 2) fz::set_controller(fz::ctrl_ip());
+    if (mode & 1)
+        fz::bring_up();
+    else if (mode & 2)
+        fz::set_controller(fz::ctrl_ip());
     fz::check_state();
 
     for (; !in.empty(); fz::check_state()) {

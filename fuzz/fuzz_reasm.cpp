@@ -19,9 +19,9 @@ namespace {
 struct Model {
     uint8_t last_flags = 0, last_frag = 0, last_trans = 0, acked_trans = 0;
     std::vector<uint8_t> buf;
-    std::vector<std::vector<uint8_t>> acks;  // every acknowledgement, as sent
+    std::vector<std::vector<uint8_t>> acks;                    // every acknowledgement, as sent
     std::vector<std::pair<uint32_t, fz::Delivery>> delivered;  // with its id
-    uint32_t next_id = TOVRIN_MSG_ID_START;  // every message handed on takes one, delivered or not
+    uint32_t next_id = TOVRIN_MSG_ID_START;                    // every message handed on takes one, delivered or not
 
     void fragment(uint8_t F, uint8_t f, uint8_t t, const std::vector<uint8_t> &d) {
         bool restart = false;
@@ -97,7 +97,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
         FZ_CHECK(sent.size() == model.acks.size() && (sent.empty() || sent.back().bytes == model.acks.back()));
         const auto &ipc = sim::ipc_sent();
         FZ_CHECK(ipc.size() == model.delivered.size());
-        if (ipc.size() > delivered) fz::check_delivery(ipc.back(), model.delivered.back().second, model.delivered.back().first);
+        if (ipc.size() > delivered)
+            fz::check_delivery(ipc.back(), model.delivered.back().second, model.delivered.back().first);
         // The reassembly state itself, so a difference shows before it is sent anywhere.
         const tovrin_comm_t &c = tovrin_gbl.comm;
         FZ_CHECK(static_cast<std::size_t>(c.rx_len) == model.buf.size());

@@ -44,8 +44,10 @@ private:
 
 // Reports a broken expectation and aborts, so that the fuzzer keeps the input.
 [[noreturn]] void fail(const char *what, const char *file, int line);
-#define FZ_CHECK(cond) \
-    do { if (!(cond)) ::fz::fail(#cond, __FILE__, __LINE__); } while (0)
+#define FZ_CHECK(cond)                                      \
+    do {                                                    \
+        if (!(cond)) ::fz::fail(#cond, __FILE__, __LINE__); \
+    } while (0)
 
 // Resets the world and starts the daemon as at process start; returns the
 // input's mode byte. Its bit 7 runs every log statement at level 4 into a

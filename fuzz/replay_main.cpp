@@ -13,7 +13,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size);
 int main(int argc, char **argv) {
     std::vector<std::filesystem::path> files;
     for (int i = 1; i < argc; ++i) {
-        if (!std::filesystem::is_directory(argv[i])) files.emplace_back(argv[i]);
+        if (!std::filesystem::is_directory(argv[i]))
+            files.emplace_back(argv[i]);
         else
             for (const auto &e : std::filesystem::directory_iterator(argv[i]))
                 if (e.is_regular_file()) files.push_back(e.path());

@@ -12,16 +12,6 @@
 
 namespace simulate {
 
-namespace {
-
-// Registration and keepalive answers of the given length, payload zero: the
-// access point reads only the type and the length.
-std::vector<uint8_t> ctrl_answer(uint8_t type, uint16_t len) {
-    return ctrl_packet(type, len, len, TOVRIN_F_CTRL | TOVRIN_F_DATA);
-}
-
-}  // namespace
-
 void Controller::restart_at(uint32_t new_ip, uint8_t first_trans) {
     ip = new_ip;
     if (tx_.waiting) {  // the message in flight is abandoned, its outcome unknown
@@ -48,16 +38,21 @@ void Controller::queue_msg(int32_t src, int32_t dst, std::vector<uint8_t> data, 
         why = dsim_payload_plain(static_cast<uint32_t>(src), static_cast<uint32_t>(dst), data, p);
     }
     if (!why.empty()) throw std::runtime_error("controller cannot build a message: " + why);
-    by_head[std::vector<uint8_t>(p.begin(), p.begin() + static_cast<long>(std::min<std::size_t>(p.size(), 48)))] =
-        serial;
-    sent[serial] = CtrlMsg{serial, src, dst, std::move(data)};
-    dsim_out_msg m;
-    m.enc = encrypt;
-    m.src = static_cast<uint32_t>(src);
-    m.dst = static_cast<uint32_t>(dst);
-    m.payload = std::move(p);
-    dsim_sender_queue(tx_, std::move(m));
+    by_head_[head(p)] = serial;
+    sent[serial] = CtrlMsg{src, dst, std::move(data)};
+    dsim_sender_queue(
+        tx_, dsim_out_msg{0, encrypt, static_cast<uint32_t>(src), static_cast<uint32_t>(dst), 0, std::move(p)});
     serials_.push_back(serial);
+}
+
+uint64_t Controller::serial_of(uint8_t frag, uint8_t trans, std::span<const uint8_t> payload) const {
+    if (frag == 0) {
+        const auto it = by_head_.find(head(payload));
+        return it != by_head_.end() ? it->second : 0;
+    }
+    for (auto it = sent.rbegin(); it != sent.rend(); ++it)
+        if (it->second.trans == trans) return it->first;
+    return 0;
 }
 
 void Controller::transmit_head(int tries) {
@@ -103,31 +98,28 @@ void Controller::receive(uint64_t now_us, uint32_t dst_ip, const std::vector<uin
     const tovrin_hdr_t h = tovrin_hdr_decode(std::span<const uint8_t, TOVRIN_HDR_LEN>(bytes.data(), TOVRIN_HDR_LEN));
     if (h.flags & TOVRIN_F_CTRL) {
         if (bytes.size() <= TOVRIN_HDR_LEN) return;
+        // Answers of the request's type and length, payload zero: the access
+        // point reads only the type and the length.
         const uint8_t type = bytes[TOVRIN_HDR_LEN];
-        if (type == TOVRIN_CTRL_REGISTER) send_(ip, ctrl_answer(TOVRIN_CTRL_REGISTER, TOVRIN_REG_LEN));
-        if (type == TOVRIN_CTRL_KEEPALIVE) send_(ip, ctrl_answer(TOVRIN_CTRL_KEEPALIVE, TOVRIN_KA_LEN));
+        const uint16_t len = type == TOVRIN_CTRL_REGISTER ? TOVRIN_REG_LEN : TOVRIN_KA_LEN;
+        if (type == TOVRIN_CTRL_REGISTER || type == TOVRIN_CTRL_KEEPALIVE)
+            send_(ip, ctrl_packet(type, len, len, TOVRIN_F_CTRL | TOVRIN_F_DATA));
         return;
     }
     if (h.flags & TOVRIN_F_ACK) {
         int tries = 0;
         double rtt = 0;
-        const uint64_t serial = serials_.empty() ? 0 : serials_.front();
         if (dsim_sender_ack(tx_, h.ctlr_trans, static_cast<double>(now_us) / 1e6, tries, rtt) ==
             dsim_ack_match::matched) {
-            sent[serial].acked = true;
+            sent[serials_.front()].acked = true;
             serials_.pop_front();
             tick(now_us);
         }
         return;
     }
-    data_from_ap(bytes);
-}
-
-void Controller::data_from_ap(const std::vector<uint8_t> &bytes) {
-    const tovrin_hdr_t h = tovrin_hdr_decode(std::span<const uint8_t, TOVRIN_HDR_LEN>(bytes.data(), TOVRIN_HDR_LEN));
-    const std::span<const uint8_t> data(bytes.data() + TOVRIN_HDR_LEN, bytes.size() - TOVRIN_HDR_LEN);
+    // A data fragment of the access point's.
     std::string why;
-    switch (dsim_reasm_feed(rx_, h, data, why)) {
+    switch (dsim_reasm_feed(rx_, h, std::span<const uint8_t>(bytes).subspan(TOVRIN_HDR_LEN), why)) {
     case dsim_frag_verdict::more:
     case dsim_frag_verdict::refused: return;
     case dsim_frag_verdict::repeat:
@@ -141,8 +133,7 @@ void Controller::data_from_ap(const std::vector<uint8_t> &bytes) {
     dsim_opened o = dsim_payload_open(dsim_reasm_message(rx_), key_);
     if (o.status != dsim_open_status::ok)
         throw std::runtime_error("controller received a message it cannot open: " + o.problem);
-    ApMsg m{static_cast<int32_t>(o.src), static_cast<int32_t>(o.dst), std::move(o.data)};
-    received.push_back(std::move(m));
+    received.push_back(ApMsg{static_cast<int32_t>(o.src), static_cast<int32_t>(o.dst), std::move(o.data)});
 }
 
 }  // namespace simulate

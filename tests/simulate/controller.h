@@ -5,11 +5,13 @@
 // whole message with the RETX flag after 1, 2, 4 and 8 s and giving up after
 // the fifth transmission, as the daemon's own sender does. Payloads,
 // fragments, acknowledgements, reassembly and the send queue are drav-sim's.
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
 #include <optional>
+#include <span>
 #include <vector>
 
 #include "tools/drav-sim/reasm.h"
@@ -18,8 +20,7 @@
 namespace simulate {
 
 // A message the controller sent, as the scenario needs to judge deliveries.
-struct CtrlMsg {
-    uint64_t serial;  // also the first 8 data bytes
+struct CtrlMsg {  // by serial, which is also its first 8 data bytes
     int32_t src, dst;
     std::vector<uint8_t> data;
     uint8_t trans = 0;
@@ -53,16 +54,21 @@ public:
     // Every message it ever sent (by serial) and every one it received whole.
     std::map<uint64_t, CtrlMsg> sent;
     std::vector<ApMsg> received;
-    // The serial of a message by the first bytes of its payload (at most 48),
-    // to recognise its fragment 0.
-    std::map<std::vector<uint8_t>, uint64_t> by_head;
+    // The serial of the message a data fragment belongs to (0: none of ours):
+    // fragment 0 by the first bytes of its payload, later ones by their
+    // transaction number, the latest message that had it.
+    uint64_t serial_of(uint8_t frag, uint8_t trans, std::span<const uint8_t> payload) const;
 
 private:
     void transmit_head(int tries);
-    void data_from_ap(const std::vector<uint8_t> &bytes);
+    // The first bytes of a payload (at most 48), which tell messages apart.
+    static std::vector<uint8_t> head(std::span<const uint8_t> p) {
+        return {p.begin(), p.begin() + std::min<std::size_t>(p.size(), 48)};
+    }
 
     Send send_;
     std::vector<uint8_t> key_;
+    std::map<std::vector<uint8_t>, uint64_t> by_head_;  // serials by head()
     uint64_t next_serial_ = 1;
     // drav-sim's send queue: one message on the wire, 1, 2, 4, 8 s, given up
     // at the fifth expiry. serials_ runs beside its queue, front to front.
