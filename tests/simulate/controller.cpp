@@ -33,7 +33,7 @@ void Controller::queue_msg(int32_t src, int32_t dst, std::vector<uint8_t> data, 
         // The IV names the message, so its fragments can be told apart on the wire.
         dsim_iv iv{};
         for (std::size_t i = 0; i < iv.size(); ++i) iv[i] = static_cast<uint8_t>(serial >> (8 * (i % 8)));
-        why = dsim_payload_enc(static_cast<uint32_t>(src), static_cast<uint32_t>(dst), data, key_, iv, p);
+        why = dsim_payload_enc(static_cast<uint32_t>(src), static_cast<uint32_t>(dst), data, key, iv, p);
     } else {
         why = dsim_payload_plain(static_cast<uint32_t>(src), static_cast<uint32_t>(dst), data, p);
     }
@@ -130,7 +130,7 @@ void Controller::receive(uint64_t now_us, uint32_t dst_ip, const std::vector<uin
     case dsim_frag_verdict::complete: break;
     }
     send_(ip, dsim_build_ack(TOVRIN_F_ACK, rx_.last_frag, rx_.ap_trans));
-    dsim_opened o = dsim_payload_open(dsim_reasm_message(rx_), key_);
+    dsim_opened o = dsim_payload_open(dsim_reasm_message(rx_), key);
     if (o.status != dsim_open_status::ok)
         throw std::runtime_error("controller received a message it cannot open: " + o.problem);
     received.push_back(ApMsg{static_cast<int32_t>(o.src), static_cast<int32_t>(o.dst), std::move(o.data)});

@@ -36,7 +36,9 @@ struct ApMsg {
 class Controller {
 public:
     using Send = std::function<void(uint32_t from_ip, std::vector<uint8_t> bytes)>;
-    Controller(Send send, std::vector<uint8_t> key) : send_(std::move(send)), key_(std::move(key)) {}
+    Controller(Send send, std::vector<uint8_t> key) : key(std::move(key)), send_(std::move(send)) {}
+
+    const std::vector<uint8_t> key;  // shared with the access point
 
     uint32_t ip = 0;        // where it listens and sends from
     bool answering = true;  // false: receives nothing, sends nothing
@@ -67,7 +69,6 @@ private:
     }
 
     Send send_;
-    std::vector<uint8_t> key_;
     std::map<std::vector<uint8_t>, uint64_t> by_head_;  // serials by head()
     uint64_t next_serial_ = 1;
     // drav-sim's send queue: one message on the wire, 1, 2, 4, 8 s, given up

@@ -111,18 +111,10 @@ public:
         vk_eloop_init(nullptr);
         tovrin_start(nullptr);
         sim::settle();
-        key_.resize(16);
-        for (auto &b : key_) b = static_cast<uint8_t>(rng_());
-        Controller ctrl(
-            [this](uint32_t from, std::vector<uint8_t> b) {
-                link_.send(now(), {true, from, 0, std::move(b)});
-            },
-            key_);
-        ctrl.ip = ip(0, 1);
-        ctrl_ = &ctrl;
+        ctrl_.ip = ip(0, 1);
         schedule();
-        notify(TOVRIN_IPC_SET_KEY, key_payload(key_));
-        notify(TOVRIN_IPC_CTRL_IP, word_payload(ctrl.ip));
+        notify(TOVRIN_IPC_SET_KEY, key_payload(ctrl_.key));
+        notify(TOVRIN_IPC_CTRL_IP, word_payload(ctrl_.ip));
         while (now() < end_) step();
         check_end();
         stats.virtual_ms += end_ / kMs;
@@ -132,6 +124,11 @@ private:
     Stats &stats;
     uint64_t now() const { return sim::now_us(); }
     uint64_t rnd(uint64_t lo, uint64_t hi) { return std::uniform_int_distribution<uint64_t>(lo, hi)(rng_); }
+    std::vector<uint8_t> random_bytes(std::size_t n) {
+        std::vector<uint8_t> v(n);
+        for (auto &b : v) b = static_cast<uint8_t>(rng_());
+        return v;
+    }
     bool coin(double p) { return std::uniform_real_distribution<double>(0, 1)(rng_) < p; }
     int32_t any_endpoint() { return app_ep[rnd(0, TOVRIN_APP_EP_COUNT - 1)].id; }
     // 198.18.c.d, network order.
@@ -152,38 +149,24 @@ private:
         faults_end_ = rnd(60, 180) * kSec;
         end_ = faults_end_ + 60 * kSec;
         const uint64_t sends_end = end_ - 40 * kSec;
-        // The link's character during the faulty phase, one of four.
-        Faults &bad = link_.faults;
-        switch (rnd(0, 3)) {
-        case 0:  // loss only, in order
-            bad.loss = rnd(0, 30) / 100.0;
-            bad.delay_us = rnd(1, 40) * kMs;
-            break;
-        case 1:  // loss, duplication and reordering
-            bad.loss = rnd(0, 20) / 100.0;
-            bad.dup = rnd(0, 10) / 100.0;
-            bad.delay_us = rnd(1, 20) * kMs;
-            bad.jitter_us = rnd(1, 400) * kMs;
-            break;
-        case 2:  // a very bad link
-            bad.loss = rnd(30, 60) / 100.0;
-            bad.dup = rnd(0, 20) / 100.0;
-            bad.delay_us = rnd(1, 100) * kMs;
-            bad.jitter_us = rnd(0, 2000) * kMs;
-            break;
-        default:  // a good link that reorders a little
-            bad.loss = rnd(0, 3) / 100.0;
-            bad.delay_us = 1 * kMs;
-            bad.jitter_us = rnd(0, 5) * kMs;
-            break;
-        }
-        reorders_ = bad.dup > 0 || bad.jitter_us > 0;
+        // The link's character during the faulty phase, one of four: loss only,
+        // in order; loss, duplication and reordering; a very bad link; a good
+        // link that reorders a little. Ranges of loss and duplication in
+        // percent, delay and jitter in ms.
+        static const uint64_t kLinks[4][4][2] = {{{0, 30}, {0, 0}, {1, 40}, {0, 0}},
+                                                 {{0, 20}, {0, 10}, {1, 20}, {1, 400}},
+                                                 {{30, 60}, {0, 20}, {1, 100}, {0, 2000}},
+                                                 {{0, 3}, {0, 0}, {1, 1}, {0, 5}}};
+        uint64_t v[4];
+        for (int i = 0; const auto &[lo, hi] : kLinks[rnd(0, 3)]) v[i++] = lo == hi ? lo : rnd(lo, hi);
+        link_.faults = {v[0] / 100.0, v[1] / 100.0, v[2] * kMs, v[3] * kMs};
+        reorders_ = link_.faults.dup > 0 || link_.faults.jitter_us > 0;
         at(faults_end_, [this] { link_.faults = Faults{}; });
 
         // The controller stops answering and comes back.
         for (auto i = rnd(0, 3); i > 0; --i) {
             const uint64_t s = rnd(5, faults_end_ / kSec - 2) * kSec;
-            during(s, rnd(2, 70) * kSec, [this](bool silent) { ctrl_->answering = !silent; });
+            during(s, rnd(2, 70) * kSec, [this](bool silent) { ctrl_.answering = !silent; });
         }
         // A new controller address mid-transfer: the controller restarts there.
         for (auto i = rnd(0, 2); i > 0; --i) {
@@ -191,8 +174,8 @@ private:
                 // An address never used before: traffic still in flight to or from
                 // the old one cannot reach the new controller, nor its to the daemon.
                 for (const uint64_t s : frag0_seen_) stale_.insert(s);  // the daemon starts from scratch
-                ctrl_->restart_at(ip(1, static_cast<uint8_t>(++moves_)), static_cast<uint8_t>(rnd(1, 255)));
-                notify(TOVRIN_IPC_CTRL_IP, word_payload(ctrl_->ip));
+                ctrl_.restart_at(ip(1, static_cast<uint8_t>(++moves_)), static_cast<uint8_t>(rnd(1, 255)));
+                notify(TOVRIN_IPC_CTRL_IP, word_payload(ctrl_.ip));
             });
         }
         // Local endpoints that disappear for a while (up to 30 s), and ones that
@@ -243,9 +226,8 @@ private:
             at(t, [this] {
                 // Mostly known endpoints; 103 is not in the table and must be dropped.
                 const int32_t dst = coin(0.05) ? 103 : any_endpoint();
-                std::vector<uint8_t> data(coin(0.05) ? rnd(8, 16300) : rnd(8, 3000));
-                for (auto &b : data) b = static_cast<uint8_t>(rng_());
-                ctrl_->queue_msg(static_cast<int32_t>(rnd(200, 210)), dst, std::move(data), coin(0.3));
+                std::vector<uint8_t> data = random_bytes(coin(0.05) ? rnd(8, 16300) : rnd(8, 3000));
+                ctrl_.queue_msg(static_cast<int32_t>(rnd(200, 210)), dst, std::move(data), coin(0.3));
             });
         }
     }
@@ -258,8 +240,7 @@ private:
         m.dst = static_cast<int32_t>(rnd(300, 310));
         const double r = std::uniform_real_distribution<double>(0, 1)(rng_);
         m.flags = r < 0.6 ? TOVRIN_MSG_F_ACK_REQ : r < 0.85 ? (TOVRIN_MSG_F_ACK_REQ | TOVRIN_MSG_F_SYNC) : 0;
-        m.data.resize(coin(0.05) ? rnd(8, 16000) : rnd(8, 2500));
-        for (auto &b : m.data) b = static_cast<uint8_t>(rng_());
+        m.data = random_bytes(coin(0.05) ? rnd(8, 16000) : rnd(8, 2500));
         for (int i = 0; i < 4; ++i) m.data[static_cast<std::size_t>(i)] = static_cast<uint8_t>(uid >> (8 * i));
         const std::string name = "sender-" + std::to_string(m.src), from = path_of(m.src);
         const auto p = app_payload(app_header(m.src, name.c_str(), uid, m.flags, m.dst, m.data.size()), m.data);
@@ -321,7 +302,7 @@ private:
             !(flags & (TOVRIN_F_CTRL | TOVRIN_F_ACK))) {
             const uint8_t frag = d.bytes[9];
             const uint64_t serial =
-                ctrl_->serial_of(frag, d.bytes[10], std::span<const uint8_t>(d.bytes).subspan(TOVRIN_HDR_LEN));
+                ctrl_.serial_of(frag, d.bytes[10], std::span<const uint8_t>(d.bytes).subspan(TOVRIN_HDR_LEN));
             if (serial != 0 && frag == 0) {
                 if (!frag0_seen_.count(serial) || !(flags & TOVRIN_F_RETX) || stale_.count(serial))
                     allowed_[serial] += 1;
@@ -341,7 +322,7 @@ private:
         if (!link_.empty()) next = std::min(next, link_.next_at());
         for (auto h : {tovrin_msg_retry, tovrin_send_registration, tovrin_send_keepalive})
             if (auto t = sim::next_timeout_of(h)) next = std::min(next, *t);
-        if (auto t = ctrl_->next_at()) next = std::min(next, std::max(*t, now()));
+        if (auto t = ctrl_.next_at()) next = std::min(next, std::max(*t, now()));
         if (!script_.empty()) next = std::min(next, std::max(script_.begin()->first.first, now()));
         if (next > now()) sim::run_for(next - now());
         collect();
@@ -349,14 +330,14 @@ private:
         InFlight d;
         while (link_.pop_due(now(), d)) {
             if (!d.to_ap) {
-                ctrl_->receive(now(), d.dst_ip, d.bytes);
+                ctrl_.receive(now(), d.dst_ip, d.bytes);
                 continue;
             }
             to_ap(d);
             sim::settle();
             collect();
         }
-        if (auto t = ctrl_->next_at(); t && *t <= now()) ctrl_->tick(now());
+        if (auto t = ctrl_.next_at(); t && *t <= now()) ctrl_.tick(now());
         while (!script_.empty() && script_.begin()->first.first <= now()) {
             auto f = std::move(script_.begin()->second);
             script_.erase(script_.begin());
@@ -369,9 +350,9 @@ private:
         EXPECT(s.payload.size() == TOVRIN_APP_HDR_LEN + h.len && h.len >= 8, "delivery of ", h.len, " bytes");
         const uint8_t *data = s.payload.data() + TOVRIN_APP_HDR_LEN;
         const uint64_t serial = load64le(data);
-        auto it = ctrl_->sent.find(serial);
+        auto it = ctrl_.sent.find(serial);
         // Nothing reaches a local endpoint that the controller did not send, byte for byte.
-        EXPECT(it != ctrl_->sent.end(), "delivered message ", serial, " never sent");
+        EXPECT(it != ctrl_.sent.end(), "delivered message ", serial, " never sent");
         const CtrlMsg &m = it->second;
         EXPECT(m.dst == h.dst_ep && m.src == h.src_ep && s.peer == path_of(m.dst) && m.data.size() == h.len &&
                    std::equal(m.data.begin(), m.data.end(), data),
@@ -419,7 +400,7 @@ private:
         EXPECT(c.link_ups == c.link_downs + 1, "counters: ", c.link_ups, " ups, ", c.link_downs, " downs, link up");
         // Whatever the controller took whole, a local application sent, unchanged.
         std::set<uint32_t> at_ctrl;
-        for (const ApMsg &r : ctrl_->received) {
+        for (const ApMsg &r : ctrl_.received) {
             EXPECT(r.data.size() >= 4, "controller received ", r.data.size(), " bytes");
             const uint32_t uid = static_cast<uint32_t>(load64le(r.data.data()));
             auto it = local_.find(uid);
@@ -439,7 +420,7 @@ private:
                    " reported delivered, controller lacks it");
         }
         // A message the controller saw acknowledged was handed to its endpoint.
-        for (const auto &[serial, m] : ctrl_->sent)
+        for (const auto &[serial, m] : ctrl_.sent)
             EXPECT(!m.acked || path_of(m.dst).empty() || m.data.size() > TOVRIN_APP_MAX_DATA || stuck_.count(m.dst) ||
                        delivered_[serial] >= 1,
                    "message ", serial, " acknowledged, never delivered");
@@ -447,8 +428,10 @@ private:
 
     std::mt19937_64 rng_;
     LinkModel link_;
-    std::vector<uint8_t> key_;
-    Controller *ctrl_ = nullptr;
+    Controller ctrl_{[this](uint32_t from, std::vector<uint8_t> b) {
+                         link_.send(now(), {true, from, 0, std::move(b)});
+                     },
+                     random_bytes(16)};
     std::map<std::pair<uint64_t, uint64_t>, std::function<void()>> script_;
     uint64_t script_seq_ = 0;
     uint64_t faults_end_ = 0, end_ = 0;
