@@ -4,15 +4,28 @@
 // a wrong state into a crash the fuzzer reports, and the receiving side's
 // rules for a reassembled payload. Nothing here depends on a test framework.
 #include <algorithm>
-#include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "core/ipc_codes.h"
+#include "core/reset.h"
+#include "core/startup.h"
+#include "ipc_payloads.h"
+#include "link/record.h"
+#include "link/send_queue.h"
 #include "link/wire.h"
 #include "packets.h"
+#include "platform/eloop.h"
+#include "platform/log.h"
 #include "relay/app_msg.h"
+#include "relay/backlog.h"
+#include "relay/endpoints.h"
+#include "relay/relay.h"
 #include "sim.h"
 
 namespace fz {
@@ -43,46 +56,132 @@ private:
 };
 
 // Reports a broken expectation and aborts, so that the fuzzer keeps the input.
-[[noreturn]] void fail(const char *what, const char *file, int line);
 #define FZ_CHECK(cond)                                      \
     do {                                                    \
         if (!(cond)) ::fz::fail(#cond, __FILE__, __LINE__); \
     } while (0)
-
-// Resets the world and starts the daemon as at process start; returns the
-// input's mode byte. Its bit 7 runs every log statement at level 4 into a
-// memory stream, since log lines format values taken from the input;
-// otherwise logging is off for speed.
-uint8_t begin(Input &in);
-// Checks the queue, frees what is still queued on the queue's own path and
-// leaves nothing allocated, so the leak checker sees only real leaks.
-void end();
-// The send queue's links agree with msg_cnt; reassembly length in range.
-void check_state();
-
-// ---- the daemon's inputs ----
-void notify(uint32_t type, const std::vector<uint8_t> &payload);
-void set_controller(uint32_t ip);
-void from_ctrl(const std::vector<uint8_t> &dgram, uint32_t src = ctrl_ip());
-// Controller address and registration answered; the link must be up.
-void bring_up();
-void set_key(const std::vector<uint8_t> &key);
-void set_encrypt(uint32_t state);
-void app_send(int32_t src, int32_t dst, uint32_t flags, uint32_t id, const std::vector<uint8_t> &data);
-
-// Path of an endpoint id, or "" when the table does not hold it.
-std::string endpoint_path(int32_t id);
 
 // A message for a local endpoint, as the receiving side must hand it on.
 struct Delivery {
     int32_t src, dst;
     std::vector<uint8_t> data;
 };
+
+[[noreturn]] inline void fail(const char *what, const char *file, int line) {
+    std::fprintf(stderr, "%s:%d: check failed: %s\n", file, line, what);
+    std::fflush(stderr);
+    std::abort();
+}
+
+// Resets the world and starts the daemon as at process start; returns the
+// input's mode byte. Its bit 7 runs every log statement at level 4 into a
+// memory stream (log lines format values taken from the input; the log
+// flushes every line, and a file would cost a system call each time);
+// otherwise logging is off for speed.
+inline uint8_t begin(Input &in) {
+    static char buf[2 * VK_LOG_DEFAULT_MAXSIZE];
+    static FILE *const stream = fmemopen(buf, sizeof buf, "w");
+    const uint8_t mode = in.u8();
+    const bool verbose = (mode & 0x80) != 0;
+    sim::reset();
+    tovrin_reset_state();
+    vk_log_conf_data[VK_LOG_W_LEVEL] = verbose ? 4 : 0;
+    log_file_name = verbose ? stream : nullptr;
+    if (log_file_name != nullptr) std::rewind(log_file_name);
+    vk_eloop_init(nullptr);
+    tovrin_start(nullptr);
+    sim::settle();
+    return mode;
+}
+
+// The send queue's links agree with msg_cnt; reassembly length in range.
+inline void check_state() {
+    const tovrin_comm_t &c = tovrin_gbl.comm;
+    FZ_CHECK(c.rx_len >= 0 && c.rx_len <= static_cast<int32_t>(TOVRIN_MAX_PAYLOAD));
+    FZ_CHECK(c.ack_wait == 0 || c.ack_wait == 1);
+    if (c.tail == nullptr) {  // never opened: the queue was never set up
+        FZ_CHECK(c.head == nullptr && c.msg_cnt == 0);
+        return;
+    }
+    int32_t n = 0;
+    tovrin_msg_t *const *link = &c.head;
+    for (const tovrin_msg_t *m = c.head; m != nullptr; m = m->next, ++n) {
+        FZ_CHECK(m->prev == link && n < tovrin_send_queue_max);
+        FZ_CHECK(m->data_len > 0 && m->data_len <= static_cast<int32_t>(TOVRIN_MAX_PAYLOAD));
+        link = &m->next;
+    }
+    FZ_CHECK(c.tail == link && n == c.msg_cnt);
+    // A message waits on the wire only with its retry timer armed.
+    FZ_CHECK(c.ack_wait == 0 || c.head != nullptr);
+    FZ_CHECK((sim::pending_timeouts(tovrin_msg_retry) != 0) == (c.ack_wait == 1));
+    // Messages are queued only while the link is up; going down empties the queue.
+    FZ_CHECK(tovrin_gbl.status != 0 || c.head == nullptr);
+    FZ_CHECK(tovrin_backlog_count() <= TOVRIN_BACKLOG_MAX_MSGS);
+}
+
+// Checks the queue, frees what is still queued on the queue's own path and
+// leaves nothing allocated, so the leak checker sees only real leaks.
+inline void end() {
+    check_state();
+    tovrin_reset_state();
+    sim::reset();
+}
+
+inline void notify(uint32_t type, const std::vector<uint8_t> &payload) {
+    sim::ipc_inject(type, VK_IPC_F_NOTIFY, payload);
+    sim::settle();
+}
+
+inline void set_controller(uint32_t ip) { notify(TOVRIN_IPC_CTRL_IP, word_payload(ip)); }
+
+inline void from_ctrl(const std::vector<uint8_t> &dgram, uint32_t src = ctrl_ip()) {
+    sim::udp_inject(src, dgram);
+    sim::settle();
+}
+
+// Controller address and registration answered; the link must be up.
+inline void bring_up() {
+    set_controller(ctrl_ip());
+    // The corpus was made with control packets framed 0xa0.
+    from_ctrl(ctrl_packet(TOVRIN_CTRL_REGISTER, TOVRIN_REG_LEN, TOVRIN_REG_LEN, TOVRIN_F_CTRL | TOVRIN_F_DATA));
+    FZ_CHECK(tovrin_gbl.status == 1);
+}
+
+inline void set_key(const std::vector<uint8_t> &key) { notify(TOVRIN_IPC_SET_KEY, key_payload(key)); }
+
+inline void set_encrypt(uint32_t state) { notify(TOVRIN_IPC_SET_ENCRYPT, word_payload(state)); }
+
+inline void app_send(int32_t src, int32_t dst, uint32_t flags, uint32_t id, const std::vector<uint8_t> &data) {
+    notify(TOVRIN_IPC_SEND_MSG, app_payload(app_header(src, "fuzzer", id, flags, dst, data.size()), data));
+}
+
+inline std::string endpoint_path(int32_t id) {
+    const tovrin_app_ep_t *ep = tovrin_app_ep_find(id);
+    return ep != nullptr ? ep->path : "";
+}
+
 // A plain payload ('!', length field equal to its size) opened; nullopt for anything else.
-std::optional<Delivery> open_plain(const std::vector<uint8_t> &p);
+inline std::optional<Delivery> open_plain(const std::vector<uint8_t> &p) {
+    if (p.size() < TOVRIN_PLAIN_HDR_LEN || p[0] != TOVRIN_DATA_PLAIN || tovrin_load16(&p[2]) != p.size())
+        return std::nullopt;
+    return Delivery{static_cast<int32_t>(tovrin_load32(&p[4])), static_cast<int32_t>(tovrin_load32(&p[8])),
+                    std::vector<uint8_t>(p.begin() + TOVRIN_PLAIN_HDR_LEN, p.end())};
+}
+
 // Whether an opened message is delivered: to a table endpoint, and fitting one IPC message.
-bool deliverable(const Delivery &m);
+inline bool deliverable(const Delivery &m) {
+    return !endpoint_path(m.dst).empty() && m.data.size() <= TOVRIN_APP_MAX_DATA;
+}
+
 // The daemon's IPC message s is exactly the delivery m under id.
-void check_delivery(const sim::IpcSent &s, const Delivery &m, uint32_t id);
+inline void check_delivery(const sim::IpcSent &s, const Delivery &m, uint32_t id) {
+    FZ_CHECK(s.type == TOVRIN_IPC_APP_MSG && s.peer == endpoint_path(m.dst));
+    FZ_CHECK(s.payload.size() == TOVRIN_APP_HDR_LEN + m.data.size());
+    tovrin_app_msg_t h;
+    std::memcpy(&h, s.payload.data(), TOVRIN_APP_HDR_LEN);
+    FZ_CHECK(h.src_ep == m.src && h.dst_ep == m.dst && h.len == m.data.size());
+    FZ_CHECK(h.flags == TOVRIN_MSG_F_FROM_CTRL && h.id == id);
+    FZ_CHECK(std::equal(m.data.begin(), m.data.end(), s.payload.begin() + TOVRIN_APP_HDR_LEN));
+}
 
 }  // namespace fz

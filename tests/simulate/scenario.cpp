@@ -5,7 +5,9 @@
 #include <cstring>
 #include <functional>
 #include <iomanip>
+#include <map>
 #include <memory>
+#include <optional>
 #include <random>
 #include <set>
 #include <sstream>
@@ -18,7 +20,6 @@
 #include "core/startup.h"
 #include "ipc_payloads.h"
 #include "link/send_queue.h"
-#include "link_model.h"
 #include "platform/ipc.h"
 #include "platform/log.h"
 #include "relay/backlog.h"
@@ -55,6 +56,34 @@ template <class... A>
     do {                                         \
         if (!(cond)) broken(#cond, __VA_ARGS__); \
     } while (0)
+
+// Things due at given times, taken in time order, ties in the order added.
+template <class T>
+struct Timeline {
+    std::map<std::pair<uint64_t, uint64_t>, T> q;
+    uint64_t seq = 0;
+    void add(uint64_t t, T v) { q.emplace(std::make_pair(t, seq++), std::move(v)); }
+    std::optional<uint64_t> next() const { return q.empty() ? std::nullopt : std::optional(q.begin()->first.first); }
+    bool take_due(uint64_t now, T &out) {
+        if (q.empty() || q.begin()->first.first > now) return false;
+        out = std::move(q.begin()->second);
+        q.erase(q.begin());
+        return true;
+    }
+};
+
+// The link: each datagram, in either direction, is lost with probability
+// loss, delivered a second time with probability dup, and takes delay +
+// uniform(0, jitter), so datagrams overtake each other.
+struct Faults {
+    double loss = 0, dup = 0;
+    uint64_t delay_us = 1000, jitter_us = 0;
+};
+struct InFlight {
+    bool to_ap;               // else to the controller
+    uint32_t src_ip, dst_ip;  // network order
+    std::vector<uint8_t> bytes;
+};
 
 std::string path_of(int32_t id) {
     const tovrin_app_ep_t *ep = tovrin_app_ep_find(id);
@@ -102,7 +131,7 @@ struct Reader {
 
 class Run {
 public:
-    Run(uint64_t seed, Stats &stats) : stats(stats), rng_(seed * 0x9e3779b97f4a7c15ull + 1), link_(rng_) {}
+    Run(uint64_t seed, Stats &stats) : stats(stats), rng_(seed * 0x9e3779b97f4a7c15ull + 1) {}
 
     void go() {
         sim::reset();
@@ -133,7 +162,14 @@ private:
     int32_t any_endpoint() { return app_ep[rnd(0, TOVRIN_APP_EP_COUNT - 1)].id; }
     // 198.18.c.d, network order.
     static uint32_t ip(uint8_t c, uint8_t d) { return htonl(0xc6120000u | c << 8 | d); }
-    void at(uint64_t t, std::function<void()> f) { script_.emplace(std::make_pair(t, script_seq_++), std::move(f)); }
+    void at(uint64_t t, std::function<void()> f) { script_.add(t, std::move(f)); }
+    bool chance(double p) { return p > 0 && coin(p); }
+    // A datagram leaves at t: lost, delivered once, or twice.
+    void send(uint64_t t, const InFlight &d) {
+        if (chance(faults_.loss)) return;
+        for (int n = chance(faults_.dup) ? 2 : 1; n > 0; --n)
+            wire_.add(t + faults_.delay_us + (faults_.jitter_us ? rnd(0, faults_.jitter_us) : 0), d);
+    }
     // set(true) at s, set(false) len later or when the faults stop, whichever comes first.
     void during(uint64_t s, uint64_t len, const std::function<void(bool)> &set) {
         at(s, [set] { set(true); });
@@ -159,9 +195,9 @@ private:
                                                  {{0, 3}, {0, 0}, {1, 1}, {0, 5}}};
         uint64_t v[4];
         for (int i = 0; const auto &[lo, hi] : kLinks[rnd(0, 3)]) v[i++] = lo == hi ? lo : rnd(lo, hi);
-        link_.faults = {v[0] / 100.0, v[1] / 100.0, v[2] * kMs, v[3] * kMs};
-        reorders_ = link_.faults.dup > 0 || link_.faults.jitter_us > 0;
-        at(faults_end_, [this] { link_.faults = Faults{}; });
+        faults_ = {v[0] / 100.0, v[1] / 100.0, v[2] * kMs, v[3] * kMs};
+        reorders_ = faults_.dup > 0 || faults_.jitter_us > 0;
+        at(faults_end_, [this] { faults_ = Faults{}; });
 
         // The controller stops answering and comes back.
         for (auto i = rnd(0, 3); i > 0; --i) {
@@ -252,7 +288,7 @@ private:
     void collect() {
         const auto &sent = sim::udp_sent();
         for (; udp_seen_ < sent.size(); ++udp_seen_)
-            link_.send(sent[udp_seen_].at_us, {false, tovrin_gbl.drav_ip, sent[udp_seen_].ip, sent[udp_seen_].bytes});
+            send(sent[udp_seen_].at_us, {false, tovrin_gbl.drav_ip, sent[udp_seen_].ip, sent[udp_seen_].bytes});
         const auto &ipc = sim::ipc_sent();
         for (; ipc_seen_ < ipc.size(); ++ipc_seen_) {
             const sim::IpcSent &s = ipc[ipc_seen_];
@@ -319,16 +355,15 @@ private:
         // The next moment anything happens: a datagram arrives, a daemon timer
         // fires, the controller's timer, or the script.
         uint64_t next = end_;
-        if (!link_.empty()) next = std::min(next, link_.next_at());
         for (auto h : {tovrin_msg_retry, tovrin_send_registration, tovrin_send_keepalive})
             if (auto t = sim::next_timeout_of(h)) next = std::min(next, *t);
-        if (auto t = ctrl_.next_at()) next = std::min(next, std::max(*t, now()));
-        if (!script_.empty()) next = std::min(next, std::max(script_.begin()->first.first, now()));
+        for (auto t : {ctrl_.next_at(), wire_.next(), script_.next()})
+            if (t) next = std::min(next, std::max(*t, now()));
         if (next > now()) sim::run_for(next - now());
         collect();
 
         InFlight d;
-        while (link_.pop_due(now(), d)) {
+        while (wire_.take_due(now(), d)) {
             if (!d.to_ap) {
                 ctrl_.receive(now(), d.dst_ip, d.bytes);
                 continue;
@@ -338,11 +373,7 @@ private:
             collect();
         }
         if (auto t = ctrl_.next_at(); t && *t <= now()) ctrl_.tick(now());
-        while (!script_.empty() && script_.begin()->first.first <= now()) {
-            auto f = std::move(script_.begin()->second);
-            script_.erase(script_.begin());
-            f();
-        }
+        for (std::function<void()> f; script_.take_due(now(), f);) f();
         collect();
     }
 
@@ -427,13 +458,13 @@ private:
     }
 
     std::mt19937_64 rng_;
-    LinkModel link_;
+    Faults faults_;
+    Timeline<InFlight> wire_;
     Controller ctrl_{[this](uint32_t from, std::vector<uint8_t> b) {
-                         link_.send(now(), {true, from, 0, std::move(b)});
+                         send(now(), {true, from, 0, std::move(b)});
                      },
                      random_bytes(16)};
-    std::map<std::pair<uint64_t, uint64_t>, std::function<void()>> script_;
-    uint64_t script_seq_ = 0;
+    Timeline<std::function<void()>> script_;
     uint64_t faults_end_ = 0, end_ = 0;
     bool reorders_ = false;
     int moves_ = 0;
