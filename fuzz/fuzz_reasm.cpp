@@ -70,12 +70,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     static const int32_t kDst[4] = {101, 109, 103, 0};
     Model model;
     while (!in.empty()) {
-        const uint8_t fb = in.u8();
+        // Read in this order: declarators are sequenced.
+        const uint8_t fb = in.u8(), frag = in.u8() % 18, trans = in.u8() % 4, code = in.u8(), fill = in.u8();
         const uint8_t flags = static_cast<uint8_t>(TOVRIN_F_DATA | (fb & 0x07));
-        const uint8_t frag = in.u8() % 18;
-        const uint8_t trans = in.u8() % 4;
-        const uint8_t code = in.u8();
-        const uint8_t fill = in.u8();
         // Mostly full fragments, so messages reach the 16384-byte limit.
         std::size_t len = (code & 0x80) ? TOVRIN_FRAG_SIZE : std::size_t{code} * 8;
         std::vector<uint8_t> d(len, fill);

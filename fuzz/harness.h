@@ -73,7 +73,20 @@ struct Delivery {
     std::abort();
 }
 
-// Resets the world and starts the daemon as at process start; returns the
+// Resets the world and starts the daemon as at process start, logging at
+// level 4 into log, or not at all (no line formatted) when it is null.
+inline void start(FILE *log) {
+    sim::reset();
+    tovrin_reset_state();
+    vk_log_conf_data[VK_LOG_W_LEVEL] = log != nullptr ? 4 : 0;
+    log_file_name = log;
+    if (log != nullptr) std::rewind(log);
+    vk_eloop_init(nullptr);
+    tovrin_start(nullptr);
+    sim::settle();
+}
+
+// fz::start for an input; returns the
 // input's mode byte. Its bit 7 runs every log statement at level 4 into a
 // memory stream (log lines format values taken from the input; the log
 // flushes every line, and a file would cost a system call each time);
@@ -82,15 +95,7 @@ inline uint8_t begin(Input &in) {
     static char buf[2 * VK_LOG_DEFAULT_MAXSIZE];
     static FILE *const stream = fmemopen(buf, sizeof buf, "w");
     const uint8_t mode = in.u8();
-    const bool verbose = (mode & 0x80) != 0;
-    sim::reset();
-    tovrin_reset_state();
-    vk_log_conf_data[VK_LOG_W_LEVEL] = verbose ? 4 : 0;
-    log_file_name = verbose ? stream : nullptr;
-    if (log_file_name != nullptr) std::rewind(log_file_name);
-    vk_eloop_init(nullptr);
-    tovrin_start(nullptr);
-    sim::settle();
+    start((mode & 0x80) ? stream : nullptr);
     return mode;
 }
 

@@ -58,7 +58,7 @@ public:
             serials_.pop_front();
             tx_.waiting = false;
         }
-        next_trans_ = first_trans == 0 ? 1 : first_trans;
+        next_trans_ = first_trans;  // never 0
         rx_ = dsim_reasm{};
     }
     // Queues a message of its own; it leaves when the ones before it are done.
@@ -66,21 +66,16 @@ public:
         const uint64_t serial = next_serial_++;
         data.resize(std::max<std::size_t>(data.size(), 8));
         for (int i = 0; i < 8; ++i) data[static_cast<std::size_t>(i)] = static_cast<uint8_t>(serial >> (8 * i));
+        // The IV names the message, so its fragments can be told apart on the wire.
+        dsim_iv iv{};
+        for (std::size_t i = 0; i < iv.size(); ++i) iv[i] = static_cast<uint8_t>(serial >> (8 * (i % 8)));
         std::vector<uint8_t> p;
-        std::string why;
-        if (encrypt) {
-            // The IV names the message, so its fragments can be told apart on the wire.
-            dsim_iv iv{};
-            for (std::size_t i = 0; i < iv.size(); ++i) iv[i] = static_cast<uint8_t>(serial >> (8 * (i % 8)));
-            why = dsim_payload_enc(static_cast<uint32_t>(src), static_cast<uint32_t>(dst), data, key, iv, p);
-        } else {
-            why = dsim_payload_plain(static_cast<uint32_t>(src), static_cast<uint32_t>(dst), data, p);
-        }
+        const uint32_t s = static_cast<uint32_t>(src), d = static_cast<uint32_t>(dst);
+        const std::string why = encrypt ? dsim_payload_enc(s, d, data, key, iv, p) : dsim_payload_plain(s, d, data, p);
         if (!why.empty()) throw std::runtime_error("controller cannot build a message: " + why);
         by_head_[head(p)] = serial;
         sent[serial] = CtrlMsg{src, dst, std::move(data)};
-        dsim_sender_queue(
-            tx_, dsim_out_msg{0, encrypt, static_cast<uint32_t>(src), static_cast<uint32_t>(dst), 0, std::move(p)});
+        dsim_sender_queue(tx_, dsim_out_msg{0, encrypt, s, d, 0, std::move(p)});
         serials_.push_back(serial);
     }
     void receive(uint64_t now_us, uint32_t dst_ip, const std::vector<uint8_t> &bytes) {

@@ -13,6 +13,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "../../fuzz/harness.h"  // the daemon started as the fuzz targets start it
 #include "controller.h"
 #include "core/counters.h"
 #include "core/ipc_codes.h"
@@ -34,9 +35,9 @@ namespace {
 
 // What the runs carried, summed over the seeds: traffic that never flows
 // checks nothing, so main() fails a run that delivered nothing either way.
-struct Stats {
+struct {
     uint64_t answered_ok = 0, deliveries = 0, link_downs = 0, virtual_ms = 0;
-};
+} stats;
 
 constexpr uint64_t kMs = 1000;
 constexpr uint64_t kSec = 1000000;
@@ -85,10 +86,7 @@ struct InFlight {
     std::vector<uint8_t> bytes;
 };
 
-std::string path_of(int32_t id) {
-    const tovrin_app_ep_t *ep = tovrin_app_ep_find(id);
-    return ep != nullptr ? ep->path : "";
-}
+using fz::endpoint_path;
 
 uint64_t load64le(const uint8_t *p) {
     uint64_t v = 0;
@@ -131,15 +129,10 @@ struct Reader {
 
 class Run {
 public:
-    Run(uint64_t seed, Stats &stats) : stats(stats), rng_(seed * 0x9e3779b97f4a7c15ull + 1) {}
+    explicit Run(uint64_t seed) : rng_(seed * 0x9e3779b97f4a7c15ull + 1) {}
 
     void go() {
-        sim::reset();
-        tovrin_reset_state();
-        vk_log_conf_data[VK_LOG_W_LEVEL] = 0;  // no file, and no line formatted
-        vk_eloop_init(nullptr);
-        tovrin_start(nullptr);
-        sim::settle();
+        fz::start(nullptr);
         ctrl_.ip = ip(0, 1);
         schedule();
         notify(TOVRIN_IPC_SET_KEY, key_payload(ctrl_.key));
@@ -150,7 +143,6 @@ public:
     }
 
 private:
-    Stats &stats;
     uint64_t now() const { return sim::now_us(); }
     uint64_t rnd(uint64_t lo, uint64_t hi) { return std::uniform_int_distribution<uint64_t>(lo, hi)(rng_); }
     std::vector<uint8_t> random_bytes(std::size_t n) {
@@ -223,7 +215,7 @@ private:
         } kOutages[] = {{3, kSec, 30, sim::ipc_set_missing}, {4, kMs, 1900, sim::ipc_set_full}};
         for (const auto &o : kOutages)
             for (auto i = rnd(0, o.most); i > 0; --i) {
-                const std::string path = path_of(any_endpoint());
+                const std::string path = endpoint_path(any_endpoint());
                 const uint64_t s = rnd(0, faults_end_ / o.unit - 1) * o.unit;
                 during(s, rnd(1, o.longest) * o.unit, [path, set = o.set](bool on) { set(path, on); });
             }
@@ -237,10 +229,10 @@ private:
             const int32_t ep = eps[k];
             eps.erase(eps.begin() + static_cast<long>(k));
             auto r = std::make_unique<Reader>();
-            std::snprintf(r->h.path, sizeof r->h.path, "%s", path_of(ep).c_str());
+            std::snprintf(r->h.path, sizeof r->h.path, "%s", endpoint_path(ep).c_str());
             if (vk_ipc_open(&r->h) != 0) continue;
             const std::size_t qlens[] = {10, 64, 512};
-            sim::ipc_set_queue_len(path_of(ep), qlens[rnd(0, 2)]);
+            sim::ipc_set_queue_len(endpoint_path(ep), qlens[rnd(0, 2)]);
             r->read(true);
             for (auto j = rnd(1, 6); j > 0; --j) {
                 const uint64_t s = rnd(0, faults_end_ / kMs - 1) * kMs;
@@ -268,17 +260,18 @@ private:
         }
     }
 
+    static uint32_t flags_of(double r) {
+        return r < 0.6 ? TOVRIN_MSG_F_ACK_REQ : r < 0.85 ? (TOVRIN_MSG_F_ACK_REQ | TOVRIN_MSG_F_SYNC) : 0;
+    }
     void local_send() {
         const uint32_t uid = next_uid_++;
-        LocalMsg m;
         // Sometimes from an id the table lacks: such a sender can get no answer.
-        m.src = coin(0.03) ? 104 : any_endpoint();
-        m.dst = static_cast<int32_t>(rnd(300, 310));
-        const double r = std::uniform_real_distribution<double>(0, 1)(rng_);
-        m.flags = r < 0.6 ? TOVRIN_MSG_F_ACK_REQ : r < 0.85 ? (TOVRIN_MSG_F_ACK_REQ | TOVRIN_MSG_F_SYNC) : 0;
-        m.data = random_bytes(coin(0.05) ? rnd(8, 16000) : rnd(8, 2500));
+        // (A braced list draws left to right.)
+        LocalMsg m{coin(0.03) ? 104 : any_endpoint(), static_cast<int32_t>(rnd(300, 310)),
+                   flags_of(std::uniform_real_distribution<double>(0, 1)(rng_)),
+                   random_bytes(coin(0.05) ? rnd(8, 16000) : rnd(8, 2500))};
         for (int i = 0; i < 4; ++i) m.data[static_cast<std::size_t>(i)] = static_cast<uint8_t>(uid >> (8 * i));
-        const std::string name = "sender-" + std::to_string(m.src), from = path_of(m.src);
+        const std::string name = "sender-" + std::to_string(m.src), from = endpoint_path(m.src);
         const auto p = app_payload(app_header(m.src, name.c_str(), uid, m.flags, m.dst, m.data.size()), m.data);
         local_.emplace(uid, std::move(m));
         notify(TOVRIN_IPC_SEND_MSG, p, from.empty() ? "/vk/ipc/test" : from);
@@ -385,7 +378,7 @@ private:
         // Nothing reaches a local endpoint that the controller did not send, byte for byte.
         EXPECT(it != ctrl_.sent.end(), "delivered message ", serial, " never sent");
         const CtrlMsg &m = it->second;
-        EXPECT(m.dst == h.dst_ep && m.src == h.src_ep && s.peer == path_of(m.dst) && m.data.size() == h.len &&
+        EXPECT(m.dst == h.dst_ep && m.src == h.src_ep && s.peer == endpoint_path(m.dst) && m.data.size() == h.len &&
                    std::equal(m.data.begin(), m.data.end(), data),
                "delivered message ", serial, " differs from what was sent");
         stats.deliveries += 1;
@@ -404,13 +397,13 @@ private:
         auto it = local_.find(h.id);
         EXPECT(it != local_.end(), "answer for unknown id ", h.id);
         LocalMsg &m = it->second;
-        EXPECT(m.flags & TOVRIN_MSG_F_ACK_REQ, "answer for id ", h.id, " which asked for none");
-        EXPECT(s.payload.size() == TOVRIN_APP_HDR_LEN && h.len == m.data.size(), "answer for id ", h.id,
-               " carries data");
-        EXPECT(s.peer == path_of(m.src), "answer for id ", h.id, " went to ", s.peer);
-        EXPECT((h.flags & ~TOVRIN_MSG_F_FAILED) == m.flags, "answer for id ", h.id, " has flags ", h.flags);
-        EXPECT(s.kind == ((m.flags & TOVRIN_MSG_F_SYNC) ? VK_IPC_KIND_RESP : VK_IPC_KIND_NOTIFY), "answer for id ",
-               h.id, " of the wrong kind");
+        // Asked for; its own header back without data, its flags plus FAILED
+        // or not, to its table path, as a response when it asked SYNC.
+        EXPECT((m.flags & TOVRIN_MSG_F_ACK_REQ) && s.payload.size() == TOVRIN_APP_HDR_LEN && h.len == m.data.size() &&
+                   (h.flags & ~TOVRIN_MSG_F_FAILED) == m.flags && s.peer == endpoint_path(m.src) &&
+                   s.kind == ((m.flags & TOVRIN_MSG_F_SYNC) ? VK_IPC_KIND_RESP : VK_IPC_KIND_NOTIFY),
+               "answer for id ", h.id, " (flags 0x", std::hex, h.flags, std::dec, ", ", s.payload.size(), " bytes) to ",
+               s.peer);
         m.failed = (h.flags & TOVRIN_MSG_F_FAILED) != 0;
         EXPECT(++m.answers == 1, "id ", h.id, " answered ", m.answers, " times");
         if (!m.failed) stats.answered_ok += 1;
@@ -418,17 +411,16 @@ private:
 
     void check_end() {
         const tovrin_counters_t &c = tovrin_counters;
-        EXPECT(tovrin_gbl.status == 1, "link down at the end");
-        EXPECT(tovrin_gbl.comm.msg_cnt == 0 && tovrin_gbl.comm.head == nullptr, tovrin_gbl.comm.msg_cnt,
-               " messages still queued");
-        EXPECT(tovrin_backlog_count() == 0, tovrin_backlog_count(), " local deliveries still waiting");
+        EXPECT(tovrin_gbl.status == 1 && tovrin_gbl.comm.msg_cnt == 0 && tovrin_gbl.comm.head == nullptr &&
+                   tovrin_backlog_count() == 0,
+               "at the end: link ", tovrin_gbl.status, ", ", tovrin_gbl.comm.msg_cnt, " messages queued, ",
+               tovrin_backlog_count(), " local deliveries waiting");
         // The counters account for every message and every link change.
-        EXPECT(c.up_messages_accepted == c.up_messages_acked + c.up_messages_failed,
+        EXPECT(c.up_messages_accepted == c.up_messages_acked + c.up_messages_failed &&
+                   c.down_messages_delivered == taken_ && c.link_ups == c.link_downs + 1,
                "counters: ", c.up_messages_accepted, " accepted, ", c.up_messages_acked, " acked, ",
-               c.up_messages_failed, " failed");
-        EXPECT(c.down_messages_delivered == taken_, "counters: ", c.down_messages_delivered,
-               " delivered, the endpoints took ", taken_);
-        EXPECT(c.link_ups == c.link_downs + 1, "counters: ", c.link_ups, " ups, ", c.link_downs, " downs, link up");
+               c.up_messages_failed, " failed; ", c.down_messages_delivered, " delivered, the endpoints took ", taken_,
+               "; ", c.link_ups, " ups, ", c.link_downs, " downs, link up");
         // Whatever the controller took whole, a local application sent, unchanged.
         std::set<uint32_t> at_ctrl;
         for (const ApMsg &r : ctrl_.received) {
@@ -441,7 +433,7 @@ private:
             at_ctrl.insert(uid);
         }
         for (const auto &[uid, m] : local_) {
-            const bool asked = (m.flags & TOVRIN_MSG_F_ACK_REQ) && !path_of(m.src).empty();
+            const bool asked = (m.flags & TOVRIN_MSG_F_ACK_REQ) && !endpoint_path(m.src).empty();
             // Every sender that asked got exactly one answer; no one else got any.
             // One that stopped reading for long may have lost its answer.
             EXPECT((stuck_.count(m.src) && m.answers == 0) || m.answers == (asked ? 1 : 0), "id ", uid, " (flags 0x",
@@ -452,8 +444,8 @@ private:
         }
         // A message the controller saw acknowledged was handed to its endpoint.
         for (const auto &[serial, m] : ctrl_.sent)
-            EXPECT(!m.acked || path_of(m.dst).empty() || m.data.size() > TOVRIN_APP_MAX_DATA || stuck_.count(m.dst) ||
-                       delivered_[serial] >= 1,
+            EXPECT(!m.acked || endpoint_path(m.dst).empty() || m.data.size() > TOVRIN_APP_MAX_DATA ||
+                       stuck_.count(m.dst) || delivered_[serial] >= 1,
                    "message ", serial, " acknowledged, never delivered");
     }
 
@@ -487,10 +479,10 @@ private:
 }  // namespace
 
 // One seed; the invariant it broke, or "".
-std::string run_seed(uint64_t seed, Stats &stats) {
+std::string run_seed(uint64_t seed) {
     std::string why;
     try {
-        Run(seed, stats).go();
+        Run(seed).go();
     } catch (const std::exception &e) {
         why = e.what();
     }
@@ -523,10 +515,10 @@ int main(int argc, char **argv) {
     // they go nowhere, the report goes to the original standard output.
     FILE *out = fdopen(dup(STDOUT_FILENO), "w");
     if (out == nullptr || std::freopen("/dev/null", "w", stdout) == nullptr) return 2;
-    simulate::Stats total;
+    const auto &total = simulate::stats;
     uint64_t failures = 0;
     for (uint64_t seed = first; seed < first + count; ++seed) {
-        if (const std::string why = simulate::run_seed(seed, total); !why.empty()) {
+        if (const std::string why = simulate::run_seed(seed); !why.empty()) {
             ++failures;
             std::fprintf(out, "seed %llu: %s\n", static_cast<unsigned long long>(seed), why.c_str());
             std::fflush(out);
