@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <deque>
 #include <functional>
 #include <map>
@@ -65,7 +66,7 @@ public:
     void queue_msg(int32_t src, int32_t dst, std::vector<uint8_t> data, bool encrypt) {
         const uint64_t serial = next_serial_++;
         data.resize(std::max<std::size_t>(data.size(), 8));
-        for (int i = 0; i < 8; ++i) data[static_cast<std::size_t>(i)] = static_cast<uint8_t>(serial >> (8 * i));
+        std::memcpy(data.data(), &serial, 8);  // its name, in the host's order as the scenario reads it
         // The IV names the message, so its fragments can be told apart on the wire.
         dsim_iv iv{};
         for (std::size_t i = 0; i < iv.size(); ++i) iv[i] = static_cast<uint8_t>(serial >> (8 * (i % 8)));

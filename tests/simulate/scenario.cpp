@@ -88,12 +88,6 @@ struct InFlight {
 
 using fz::endpoint_path;
 
-uint64_t load64le(const uint8_t *p) {
-    uint64_t v = 0;
-    for (int i = 0; i < 8; ++i) v |= uint64_t{p[i]} << (8 * i);
-    return v;
-}
-
 // A message a local application handed to the daemon.
 struct LocalMsg {
     int32_t src, dst;
@@ -109,14 +103,12 @@ struct LocalMsg {
 struct Reader {
     vk_ipc_handle_t h{};
     static void on_readable(int, void *reader, void *) {
-        auto *r = static_cast<Reader *>(reader);
         static vk_ipc_msg_t msg;
+        vk_ipc_recv_desc_t rec{&static_cast<Reader *>(reader)->h, &msg, {}};
         fd_set set;
         FD_ZERO(&set);
-        FD_SET(r->h.sock, &set);
-        vk_ipc_recv_desc_t rec{&r->h, &msg, {}};
-        uint8_t got = 0;
-        while (vk_ipc_recv_large(&set, &rec, &got) == 0 && got) {
+        FD_SET(rec.handle->sock, &set);
+        for (uint8_t got = 1; got && vk_ipc_recv_large(&set, &rec, &got) == 0;) {
         }
     }
     void read(bool on) {
@@ -270,7 +262,7 @@ private:
         LocalMsg m{coin(0.03) ? 104 : any_endpoint(), static_cast<int32_t>(rnd(300, 310)),
                    flags_of(std::uniform_real_distribution<double>(0, 1)(rng_)),
                    random_bytes(coin(0.05) ? rnd(8, 16000) : rnd(8, 2500))};
-        for (int i = 0; i < 4; ++i) m.data[static_cast<std::size_t>(i)] = static_cast<uint8_t>(uid >> (8 * i));
+        std::memcpy(m.data.data(), &uid, 4);  // its name, as the controller's serials
         const std::string name = "sender-" + std::to_string(m.src), from = endpoint_path(m.src);
         const auto p = app_payload(app_header(m.src, name.c_str(), uid, m.flags, m.dst, m.data.size()), m.data);
         local_.emplace(uid, std::move(m));
@@ -373,7 +365,8 @@ private:
     void check_delivery(const sim::IpcSent &s, const tovrin_app_msg_t &h) {
         EXPECT(s.payload.size() == TOVRIN_APP_HDR_LEN + h.len && h.len >= 8, "delivery of ", h.len, " bytes");
         const uint8_t *data = s.payload.data() + TOVRIN_APP_HDR_LEN;
-        const uint64_t serial = load64le(data);
+        uint64_t serial;
+        std::memcpy(&serial, data, 8);
         auto it = ctrl_.sent.find(serial);
         // Nothing reaches a local endpoint that the controller did not send, byte for byte.
         EXPECT(it != ctrl_.sent.end(), "delivered message ", serial, " never sent");
@@ -425,7 +418,8 @@ private:
         std::set<uint32_t> at_ctrl;
         for (const ApMsg &r : ctrl_.received) {
             EXPECT(r.data.size() >= 4, "controller received ", r.data.size(), " bytes");
-            const uint32_t uid = static_cast<uint32_t>(load64le(r.data.data()));
+            uint32_t uid;
+            std::memcpy(&uid, r.data.data(), 4);
             auto it = local_.find(uid);
             EXPECT(
                 it != local_.end() && it->second.src == r.src && it->second.dst == r.dst && it->second.data == r.data,
