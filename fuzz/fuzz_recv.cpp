@@ -10,64 +10,41 @@
 //   0xf0-0xf7  virtual time passes (next byte × 10 ms), so timers fire; with
 //              bit 2 set, endpoint 101's queue turns full or takes again first
 //   0xf8-0xff  a local application queues a message for the controller
-#include <cstddef>
-#include <cstdint>
-
 #include "harness.h"
-
-namespace {
-
-enum State { kRegistering, kUp, kMidReassembly, kEncrypted };
-
-void enter(State s, fz::Input &in) {
-    if (s == kRegistering) {
-        fz::set_controller(fz::ctrl_ip());
-        return;
-    }
-    if (!fz::bring_up()) fz::fail("link did not come up", __FILE__, __LINE__);
-    if (s == kMidReassembly) {
-        // Fragments 0 and 1 of a three-fragment message under transaction 7.
-        std::vector<uint8_t> data(2500, 0x5a);
-        auto frags = fz::fragments(fz::plain_payload(200, 101, data), 7);
-        fz::from_ctrl(frags[0]);
-        fz::from_ctrl(frags[1]);
-    } else if (s == kEncrypted) {
-        fz::set_key(in.bytes(16));
-        fz::set_encrypt(1);
-    }
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     fz::Input in(data, size);
-    const uint8_t mode = in.u8();
-    fz::begin((mode & 0x80) != 0);
-    enter(static_cast<State>(mode & 3), in);
+    const uint8_t mode = fz::begin(in);
+    if ((mode & 3) == 0) {  // registering
+        fz::set_controller(fz::ctrl_ip());
+    } else {
+        fz::bring_up();
+        if ((mode & 3) == 2) {  // fragments 0 and 1 of a three-fragment message under transaction 7
+            auto frags = fragments(plain_payload(200, 101, std::vector<uint8_t>(2500, 0x5a)), 7);
+            fz::from_ctrl(frags[0]);
+            fz::from_ctrl(frags[1]);
+        } else if ((mode & 3) == 3) {
+            fz::set_key(in.bytes(16));
+            fz::set_encrypt(1);
+        }
+    }
     bool full = (mode & 8) != 0;
     sim::ipc_set_full(fz::endpoint_path(101), full);
     if (mode & 4) fz::app_send(101, 200, TOVRIN_MSG_F_ACK_REQ, 1, {1, 2, 3});
     fz::check_state();
 
-    uint32_t id = 2;
-    while (!in.empty()) {
+    for (uint32_t id = 2; !in.empty(); fz::check_state()) {
         const uint8_t op = in.u8();
         if (op < 0xf0) {
-            const uint32_t src = op < 0xe0 ? fz::ctrl_ip() : fz::other_ip();
             // A little over one datagram's worth, so longer datagrams are cut by the read.
-            sim::udp_inject(src, in.chunk(TOVRIN_MAX_DGRAM + 64));
-            sim::settle();
+            fz::from_ctrl(in.chunk(TOVRIN_MAX_DGRAM + 64), op < 0xe0 ? fz::ctrl_ip() : fz::other_ip());
         } else if (op < 0xf8) {
-            if (op & 4) {
-                full = !full;
-                sim::ipc_set_full(fz::endpoint_path(101), full);
-            }
+            if (op & 4) sim::ipc_set_full(fz::endpoint_path(101), full = !full);
             sim::run_for_ms(10u * in.u8());
         } else {
             fz::app_send(101 + (op & 1), 200, TOVRIN_MSG_F_ACK_REQ | ((op & 2) ? TOVRIN_MSG_F_SYNC : 0), id++,
                          in.bytes(in.u8()));
         }
-        fz::check_state();
     }
     fz::end();
     return 0;

@@ -1,87 +1,192 @@
 #pragma once
 // Shared by the fuzz targets: the daemon on the simulated platform, started
-// afresh for every input, packet builders, a reader of the fuzzer's bytes and
-// the checks that turn a wrong state into a crash the fuzzer reports.
-// Nothing here depends on a test framework.
-#include <cstddef>
+// afresh for every input, a reader of the fuzzer's bytes, the checks that turn
+// a wrong state into a crash the fuzzer reports, and the receiving side's
+// rules for a reassembled payload. Nothing here depends on a test framework.
+#include <algorithm>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "core/ipc_codes.h"
+#include "core/reset.h"
+#include "core/startup.h"
+#include "ipc_payloads.h"
 #include "link/record.h"
+#include "link/send_queue.h"
 #include "link/wire.h"
-#include "relay/app_msg.h"
 #include "packets.h"
+#include "platform/eloop.h"
+#include "platform/log.h"
+#include "relay/app_msg.h"
+#include "relay/backlog.h"
+#include "relay/endpoints.h"
+#include "relay/relay.h"
 #include "sim.h"
 
 namespace fz {
 
-// 198.18.0.1 and 198.18.0.9, network order (octet 0 first in memory).
-uint32_t ctrl_ip();
-uint32_t other_ip();
+// 198.18.0.1 and 198.18.0.9, network order.
+inline uint32_t ctrl_ip() { return htonl(0xc6120001); }
+inline uint32_t other_ip() { return htonl(0xc6120009); }
 
 // Reads the fuzzer's bytes front to back; past the end every read gives 0.
 class Input {
 public:
     Input(const uint8_t *data, std::size_t size) : p_(data), n_(size) {}
     bool empty() const { return pos_ >= n_; }
-    std::size_t left() const { return empty() ? 0 : n_ - pos_; }
     uint8_t u8() { return empty() ? 0 : p_[pos_++]; }
     uint16_t u16() { return static_cast<uint16_t>(u8() << 8 | u8()); }
-    uint32_t u32() { return uint32_t{u16()} << 16 | u16(); }
     // Up to n bytes (fewer at the end).
-    std::vector<uint8_t> bytes(std::size_t n);
+    std::vector<uint8_t> bytes(std::size_t n) {
+        n = std::min(n, n_ - std::min(pos_, n_));
+        pos_ += n;
+        return {p_ + pos_ - n, p_ + pos_};
+    }
     // A length-prefixed chunk: 16-bit length, cut to max, then that many bytes.
-    std::vector<uint8_t> chunk(std::size_t max);
+    std::vector<uint8_t> chunk(std::size_t max) { return bytes(std::min<std::size_t>(u16(), max)); }
 
 private:
     const uint8_t *p_;
-    std::size_t n_;
-    std::size_t pos_ = 0;
+    std::size_t n_, pos_ = 0;
 };
 
 // Reports a broken expectation and aborts, so that the fuzzer keeps the input.
-[[noreturn]] void fail(const char *what, const char *file, int line);
 #define FZ_CHECK(cond)                                      \
     do {                                                    \
         if (!(cond)) ::fz::fail(#cond, __FILE__, __LINE__); \
     } while (0)
 
-// Resets the world and starts the daemon as at process start. verbose runs
-// every log statement at level 4 into a null stream, since log lines format
-// values taken from the input; otherwise logging is off for speed.
-void begin(bool verbose);
+// A message for a local endpoint, as the receiving side must hand it on.
+struct Delivery {
+    int32_t src, dst;
+    std::vector<uint8_t> data;
+};
+
+[[noreturn]] inline void fail(const char *what, const char *file, int line) {
+    std::fprintf(stderr, "%s:%d: check failed: %s\n", file, line, what);
+    std::fflush(stderr);
+    std::abort();
+}
+
+// Resets the world and starts the daemon as at process start, logging at
+// level 4 into log, or not at all (no line formatted) when it is null.
+inline void start(FILE *log) {
+    sim::reset();
+    tovrin_reset_state();
+    vk_log_conf_data[VK_LOG_W_LEVEL] = log != nullptr ? 4 : 0;
+    log_file_name = log;
+    if (log != nullptr) std::rewind(log);
+    vk_eloop_init(nullptr);
+    tovrin_start(nullptr);
+    sim::settle();
+}
+
+// fz::start for an input; returns the
+// input's mode byte. Its bit 7 runs every log statement at level 4 into a
+// memory stream (log lines format values taken from the input; the log
+// flushes every line, and a file would cost a system call each time);
+// otherwise logging is off for speed.
+inline uint8_t begin(Input &in) {
+    static char buf[2 * VK_LOG_DEFAULT_MAXSIZE];
+    static FILE *const stream = fmemopen(buf, sizeof buf, "w");
+    const uint8_t mode = in.u8();
+    start((mode & 0x80) ? stream : nullptr);
+    return mode;
+}
+
+// The send queue's links agree with msg_cnt; reassembly length in range.
+inline void check_state() {
+    const tovrin_comm_t &c = tovrin_gbl.comm;
+    FZ_CHECK(c.rx_len >= 0 && c.rx_len <= static_cast<int32_t>(TOVRIN_MAX_PAYLOAD));
+    FZ_CHECK(c.ack_wait == 0 || c.ack_wait == 1);
+    if (c.tail == nullptr) {  // never opened: the queue was never set up
+        FZ_CHECK(c.head == nullptr && c.msg_cnt == 0);
+        return;
+    }
+    int32_t n = 0;
+    tovrin_msg_t *const *link = &c.head;
+    for (const tovrin_msg_t *m = c.head; m != nullptr; m = m->next, ++n) {
+        FZ_CHECK(m->prev == link && n < tovrin_send_queue_max);
+        FZ_CHECK(m->data_len > 0 && m->data_len <= static_cast<int32_t>(TOVRIN_MAX_PAYLOAD));
+        link = &m->next;
+    }
+    FZ_CHECK(c.tail == link && n == c.msg_cnt);
+    // A message waits on the wire only with its retry timer armed.
+    FZ_CHECK(c.ack_wait == 0 || c.head != nullptr);
+    FZ_CHECK((sim::pending_timeouts(tovrin_msg_retry) != 0) == (c.ack_wait == 1));
+    // Messages are queued only while the link is up; going down empties the queue.
+    FZ_CHECK(tovrin_gbl.status != 0 || c.head == nullptr);
+    FZ_CHECK(tovrin_backlog_count() <= TOVRIN_BACKLOG_MAX_MSGS);
+}
+
 // Checks the queue, frees what is still queued on the queue's own path and
 // leaves nothing allocated, so the leak checker sees only real leaks.
-void end();
-// The send queue's links agree with msg_cnt; reassembly length in range.
-void check_state();
-// Logging may have been reconfigured over IPC: the echo stays off so the
-// fuzzer's output stays readable (it formats the same lines as the file).
-void quiet_echo();
-
-// ---- the daemon's inputs ----
-void notify(uint32_t type, const std::vector<uint8_t> &payload);
-void set_controller(uint32_t ip);
-void from_ctrl(const std::vector<uint8_t> &dgram, uint32_t src);
-inline void from_ctrl(const std::vector<uint8_t> &dgram) { from_ctrl(dgram, ctrl_ip()); }
-// Controller address and registration answered; true when the link is up.
-bool bring_up();
-void set_key(const std::vector<uint8_t> &key);
-void set_encrypt(int32_t state);
-void app_send(int32_t src, int32_t dst, uint32_t flags, uint32_t id, const std::vector<uint8_t> &data);
-
-// ---- wire builders (tests/sim/packets.h) ----
-using ::ack_for;
-using ::enc_payload;
-using ::fragments;
-using ::frame;
-using ::plain_payload;
-// The corpus was made with control packets framed 0xa0.
-inline std::vector<uint8_t> ctrl_packet(uint8_t type, uint16_t len_field, std::size_t size) {
-    return ::ctrl_packet(type, len_field, size, TOVRIN_F_CTRL | TOVRIN_F_DATA);
+inline void end() {
+    check_state();
+    tovrin_reset_state();
+    sim::reset();
 }
-// Path of an endpoint id, or "" when the table does not hold it.
-std::string endpoint_path(int32_t id);
+
+inline void notify(uint32_t type, const std::vector<uint8_t> &payload) {
+    sim::ipc_inject(type, VK_IPC_F_NOTIFY, payload);
+    sim::settle();
+}
+
+inline void set_controller(uint32_t ip) { notify(TOVRIN_IPC_CTRL_IP, word_payload(ip)); }
+
+inline void from_ctrl(const std::vector<uint8_t> &dgram, uint32_t src = ctrl_ip()) {
+    sim::udp_inject(src, dgram);
+    sim::settle();
+}
+
+// Controller address and registration answered; the link must be up.
+inline void bring_up() {
+    set_controller(ctrl_ip());
+    // The corpus was made with control packets framed 0xa0.
+    from_ctrl(ctrl_packet(TOVRIN_CTRL_REGISTER, TOVRIN_REG_LEN, TOVRIN_REG_LEN, TOVRIN_F_CTRL | TOVRIN_F_DATA));
+    FZ_CHECK(tovrin_gbl.status == 1);
+}
+
+inline void set_key(const std::vector<uint8_t> &key) { notify(TOVRIN_IPC_SET_KEY, key_payload(key)); }
+
+inline void set_encrypt(uint32_t state) { notify(TOVRIN_IPC_SET_ENCRYPT, word_payload(state)); }
+
+inline void app_send(int32_t src, int32_t dst, uint32_t flags, uint32_t id, const std::vector<uint8_t> &data) {
+    notify(TOVRIN_IPC_SEND_MSG, app_payload(app_header(src, "fuzzer", id, flags, dst, data.size()), data));
+}
+
+inline std::string endpoint_path(int32_t id) {
+    const tovrin_app_ep_t *ep = tovrin_app_ep_find(id);
+    return ep != nullptr ? ep->path : "";
+}
+
+// A plain payload ('!', length field equal to its size) opened; nullopt for anything else.
+inline std::optional<Delivery> open_plain(const std::vector<uint8_t> &p) {
+    if (p.size() < TOVRIN_PLAIN_HDR_LEN || p[0] != TOVRIN_DATA_PLAIN || tovrin_load16(&p[2]) != p.size())
+        return std::nullopt;
+    return Delivery{static_cast<int32_t>(tovrin_load32(&p[4])), static_cast<int32_t>(tovrin_load32(&p[8])),
+                    std::vector<uint8_t>(p.begin() + TOVRIN_PLAIN_HDR_LEN, p.end())};
+}
+
+// Whether an opened message is delivered: to a table endpoint, and fitting one IPC message.
+inline bool deliverable(const Delivery &m) {
+    return !endpoint_path(m.dst).empty() && m.data.size() <= TOVRIN_APP_MAX_DATA;
+}
+
+// The daemon's IPC message s is exactly the delivery m under id.
+inline void check_delivery(const sim::IpcSent &s, const Delivery &m, uint32_t id) {
+    FZ_CHECK(s.type == TOVRIN_IPC_APP_MSG && s.peer == endpoint_path(m.dst));
+    FZ_CHECK(s.payload.size() == TOVRIN_APP_HDR_LEN + m.data.size());
+    tovrin_app_msg_t h;
+    std::memcpy(&h, s.payload.data(), TOVRIN_APP_HDR_LEN);
+    FZ_CHECK(h.src_ep == m.src && h.dst_ep == m.dst && h.len == m.data.size());
+    FZ_CHECK(h.flags == TOVRIN_MSG_F_FROM_CTRL && h.id == id);
+    FZ_CHECK(std::equal(m.data.begin(), m.data.end(), s.payload.begin() + TOVRIN_APP_HDR_LEN));
+}
 
 }  // namespace fz

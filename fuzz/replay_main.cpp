@@ -1,7 +1,6 @@
 // Runs a fuzz target's entry point over files, or over every file of the
 // directories given, without the fuzzing engine: the checked-in corpus then
 // serves as a quick regression test in every build.
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
@@ -11,36 +10,25 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size);
 
-namespace {
-bool run_file(const std::filesystem::path &p) {
-    std::ifstream f(p, std::ios::binary);
-    if (!f) {
-        std::fprintf(stderr, "cannot read %s\n", p.c_str());
-        return false;
-    }
-    std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-    LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
-    return true;
-}
-}  // namespace
-
 int main(int argc, char **argv) {
-    int files = 0;
-    bool ok = true;
+    std::vector<std::filesystem::path> files;
     for (int i = 1; i < argc; ++i) {
-        const std::filesystem::path arg(argv[i]);
-        if (std::filesystem::is_directory(arg)) {
-            for (const auto &e : std::filesystem::directory_iterator(arg))
-                if (e.is_regular_file()) {
-                    ok = run_file(e.path()) && ok;
-                    ++files;
-                }
-        } else {
-            ok = run_file(arg) && ok;
-            ++files;
-        }
+        if (!std::filesystem::is_directory(argv[i]))
+            files.emplace_back(argv[i]);
+        else
+            for (const auto &e : std::filesystem::directory_iterator(argv[i]))
+                if (e.is_regular_file()) files.push_back(e.path());
     }
-    std::printf("%d inputs replayed\n", files);
+    for (const auto &p : files) {
+        std::ifstream f(p, std::ios::binary);
+        if (!f) {
+            std::fprintf(stderr, "cannot read %s\n", p.c_str());
+            return 1;
+        }
+        const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
+        LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+    }
+    std::printf("%zu inputs replayed\n", files.size());
     // No input at all means the corpus went missing: that must not pass.
-    return ok && files > 0 ? 0 : 1;
+    return files.empty() ? 1 : 0;
 }
