@@ -56,11 +56,6 @@ void udp_inject(uint32_t from_ip_net, std::vector<uint8_t> bytes, uint16_t from_
     if (Socket *s = udp_at_port(kLinkPort)) push_input(*s, Pending{0, std::move(bytes), from_ip_net, from_port, {}});
 }
 
-std::size_t udp_pending() {
-    const Socket *s = udp_at_port(kLinkPort);
-    return s ? s->input.size() : 0;
-}
-
 bool udp_open() {
     const auto &socks = world().sockets;
     return std::any_of(socks.begin(), socks.end(), [](const auto &e) { return !e.second.ipc; });
@@ -74,7 +69,6 @@ uint16_t udp_bound_port() {
 
 void udp_fail_socket(int err) { world().udp_fail_socket = err; }
 void udp_fail_bind(int err) { world().udp_fail_bind = err; }
-void udp_fail_send(int err) { world().udp_fail_send = err; }
 void udp_burst_missing(bool missing) { world().udp_burst_missing = missing; }
 
 }  // namespace sim
@@ -154,10 +148,6 @@ ssize_t vk_os_sendto(int fd, const void *buf, size_t len, int, const struct sock
     if (!s) return -1;
     const sockaddr_in *in = sim::inet_addr_of(to, tolen);
     if (!in) return -1;
-    if (world().udp_fail_send != 0) {
-        errno = world().udp_fail_send;
-        return -1;
-    }
     // An unbound socket gets a port on its first send, as in the kernel.
     if (s->port == 0) s->port = sim::next_ephemeral_port();
     const auto *b = static_cast<const uint8_t *>(buf);

@@ -79,7 +79,7 @@ struct World {
     std::vector<int> raised;           // not yet handled, oldest first
 
     std::vector<Datagram> udp_sent;
-    int udp_fail_socket = 0, udp_fail_bind = 0, udp_fail_send = 0;
+    int udp_fail_socket = 0, udp_fail_bind = 0;
     bool udp_burst_missing = false;
     uint16_t next_ephemeral = kFirstEphemeralPort;
 
