@@ -1,5 +1,4 @@
 // Clock, uptime, random numbers and syslog of the simulated machine.
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -26,10 +25,7 @@ void set_epoch(int64_t seconds) { world().epoch_s = seconds; }
 using sim::world;
 
 int vk_os_sysinfo(struct sysinfo *info) {
-    if (world().uptime_fail || !info) {
-        errno = EFAULT;
-        return -1;
-    }
+    if (world().uptime_fail || !info) return sim::fail(EFAULT);
     std::memset(info, 0, sizeof *info);
     info->uptime = world().uptime_s + static_cast<long>((world().now_us - world().uptime_at_us) / 1000000);
     info->mem_unit = 1;

@@ -50,16 +50,12 @@ void udp_clear_sent();
 // Queues a datagram for the daemon's UDP socket (the one bound to 6650). It is
 // read at the next settle()/run_for(). Dropped when no such socket is open.
 void udp_inject(uint32_t from_ip_net, std::vector<uint8_t> bytes, uint16_t from_port = 6650);
-// Datagrams injected but not yet read by the daemon.
-std::size_t udp_pending();
 // Whether a UDP socket is open, and the port it is bound to (0 if none).
 bool udp_open();
 uint16_t udp_bound_port();
 // Makes the next socket() or bind() fail with the given errno (0 disarms).
 void udp_fail_socket(int err);
 void udp_fail_bind(int err);
-// Makes every sendto fail with err (0: sends succeed). Failed sends are not captured.
-void udp_fail_send(int err);
 // Makes sendmmsg and recvmmsg answer ENOSYS, as a kernel without them does.
 void udp_burst_missing(bool missing);
 

@@ -1,6 +1,7 @@
 #pragma once
 // The simulated world's state, shared by the files of the simulated platform
 // only. Tests use sim.h; nothing here is part of the contract.
+#include <cerrno>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -15,10 +16,8 @@
 namespace sim {
 
 // Fake descriptors: clear of real ones a test holds, below FD_SETSIZE.
-inline constexpr int kFirstFd = 100;
-inline constexpr int kLastFd = 1023;
+inline constexpr int kFirstFd = 100, kLastFd = 1023;
 inline constexpr uint16_t kLinkPort = 6650;
-inline constexpr uint16_t kFirstEphemeralPort = 40000;
 // A Unix datagram socket's send budget (wmem_default), charged per datagram with its
 // bookkeeping until read, and net.unix.max_dgram_qlen (a receiver takes one more).
 inline constexpr std::size_t kIpcSendBudget = 212992;
@@ -55,7 +54,7 @@ struct Timeout {
     void *ctx1, *ctx2;
 };
 
-struct ReadSock {
+struct SockReg {
     vk_eloop_sock_handler handler;
     void *ctx1, *ctx2;
 };
@@ -72,20 +71,18 @@ struct World {
     // Kept sorted by expiry; equal expiries stay in registration order.
     std::vector<Timeout> timeouts;
     uint64_t next_timeout_seq = 0;
-    std::map<int, ReadSock> read_socks;
-    std::map<int, ReadSock> write_socks;
+    std::map<int, SockReg> read_socks, write_socks;
     std::map<int, Socket> sockets;
     std::map<int, SignalReg> signals;  // null handler: ignored
     std::vector<int> raised;           // not yet handled, oldest first
 
     std::vector<Datagram> udp_sent;
-    int udp_fail_socket = 0, udp_fail_bind = 0, udp_fail_send = 0;
+    int udp_fail_socket = 0, udp_fail_bind = 0;
     bool udp_burst_missing = false;
-    uint16_t next_ephemeral = kFirstEphemeralPort;
+    uint16_t next_ephemeral = 40000;
 
     std::vector<IpcSent> ipc_sent;
-    std::set<std::string> ipc_missing;
-    std::set<std::string> ipc_full;
+    std::set<std::string> ipc_missing, ipc_full;
     int ipc_fail_open = 0;
 
     std::vector<SyslogLine> syslog;
@@ -99,6 +96,11 @@ struct World {
 };
 
 World &world();
+
+inline int fail(int err) {
+    errno = err;
+    return -1;
+}
 
 // Lowest free fake descriptor, or -1 when all are taken.
 int alloc_fd();
