@@ -12,6 +12,10 @@
 namespace sim {
 namespace {
 
+// Within vk_eloop_run a termination stops dispatch, as it stops the real one.
+bool in_run = false;
+bool stopped() { return in_run && world().terminate; }
+
 bool still_pending(int fd, uint64_t seq) {
     const Socket *s = find_socket(fd);
     return s && std::any_of(s->input.begin(), s->input.end(), [seq](const Pending &p) { return p.seq == seq; });
@@ -19,14 +23,14 @@ bool still_pending(int fd, uint64_t seq) {
 
 // Calls the write handler of every registered socket that has room, once.
 // True when one of them did something: sent, or changed registrations.
-bool handle_writable(bool stop_on_terminate) {
+bool handle_writable() {
     World &w = world();
     std::vector<int> ready;
     for (const auto &[fd, ws] : w.write_socks)
         if (writable(fd)) ready.push_back(fd);
     bool acted = false;
     for (int fd : ready) {
-        if (stop_on_terminate && w.terminate) break;
+        if (stopped()) break;
         auto it = w.write_socks.find(fd);
         if (it == w.write_socks.end() || !writable(fd)) continue;
         const SockReg ws = it->second;
@@ -40,9 +44,8 @@ bool handle_writable(bool stop_on_terminate) {
 // Calls the handler of every registered socket once per pending datagram, in
 // injection order, then the handlers of sockets with room to write, then again
 // for what the callbacks left or added, until a pass changes nothing. A
-// handler that never reads cannot hang the world. Within vk_eloop_run a
-// termination stops it, as it stops the real dispatch.
-void handle_sockets(bool stop_on_terminate) {
+// handler that never reads cannot hang the world.
+void handle_sockets() {
     World &w = world();
     for (;;) {
         std::vector<std::pair<uint64_t, int>> due;
@@ -52,7 +55,7 @@ void handle_sockets(bool stop_on_terminate) {
         std::sort(due.begin(), due.end());
         bool consumed = false;
         for (const auto &[seq, fd] : due) {
-            if (stop_on_terminate && w.terminate) return;
+            if (stopped()) return;
             // Earlier callbacks may have read it, closed fd or unregistered it.
             auto it = w.read_socks.find(fd);
             if (it == w.read_socks.end() || !still_pending(fd, seq)) continue;
@@ -60,9 +63,7 @@ void handle_sockets(bool stop_on_terminate) {
             rs.handler(fd, rs.ctx1, rs.ctx2);
             consumed = consumed || !still_pending(fd, seq);
         }
-        if (stop_on_terminate && w.terminate) return;
-        const bool wrote = handle_writable(stop_on_terminate);
-        if (!consumed && !wrote) return;
+        if (stopped() || (!handle_writable() && !consumed)) return;
     }
 }
 
@@ -85,10 +86,10 @@ void deliver_signals() {
 // Runs the timeouts due now that were registered before this pass, in order;
 // one registered meanwhile with no delay waits for the next pass, as in the
 // real loop. Each is removed before its call, so it may re-arm or cancel freely.
-void run_due_timeouts(bool stop_on_terminate) {
+void run_due_timeouts() {
     World &w = world();
     const uint64_t seq_limit = w.next_timeout_seq;
-    while (!(stop_on_terminate && w.terminate) && !w.timeouts.empty()) {
+    while (!stopped() && !w.timeouts.empty()) {
         const Timeout t = w.timeouts.front();
         if (t.expiry_us > w.now_us || t.seq >= seq_limit) return;
         w.timeouts.erase(w.timeouts.begin());
@@ -99,12 +100,12 @@ void run_due_timeouts(bool stop_on_terminate) {
 // One pass at the current instant; then the clock moves to the next expiry
 // unless something is due now already or the next lies past end. False when
 // the clock cannot move (nothing pending, or past end).
-bool pass_and_advance(bool in_run, uint64_t end) {
+bool pass_and_advance(uint64_t end) {
     World &w = world();
     deliver_signals();
-    if (!(in_run && w.terminate)) run_due_timeouts(in_run);
-    if (!(in_run && w.terminate)) handle_sockets(in_run);
-    if ((in_run && w.terminate) || w.timeouts.empty() || w.timeouts.front().expiry_us > end) return false;
+    if (!stopped()) run_due_timeouts();
+    if (!stopped()) handle_sockets();
+    if (stopped() || w.timeouts.empty() || w.timeouts.front().expiry_us > end) return false;
     w.now_us = std::max(w.now_us, w.timeouts.front().expiry_us);
     return true;
 }
@@ -118,7 +119,7 @@ uint64_t now_us() { return world().now_us; }
 void run_for(uint64_t us) {
     World &w = world();
     const uint64_t end = w.now_us + us;
-    while (pass_and_advance(false, end)) continue;
+    while (pass_and_advance(end)) continue;
     w.now_us = end;
 }
 
@@ -208,8 +209,9 @@ int vk_eloop_cancel_timeout(vk_eloop_timeout_handler handler, void *eloop_ctx, v
 // pending and no registered socket has input its handler will read.
 void vk_eloop_run(void) {
     sim::World &w = world();
-    while (!w.terminate && sim::pass_and_advance(true, UINT64_MAX)) continue;
-    w.terminate = false;
+    sim::in_run = true;
+    while (!w.terminate && sim::pass_and_advance(UINT64_MAX)) continue;
+    sim::in_run = w.terminate = false;
 }
 
 void vk_eloop_terminate(void) { world().terminate = true; }

@@ -40,16 +40,14 @@ struct Socket {
     uint16_t port = 0;  // UDP: bound port, 0 while unbound
     std::string path;   // IPC: endpoint path; empty for a sending socket
     std::deque<Pending> input;
-    // IPC sending socket of handle fd owner, connected to endpoint peer.
-    int owner = -1;
+    int owner = -1;     // IPC sending socket: of handle fd owner, connected to endpoint peer
     std::string peer;
     std::size_t charged = 0;  // budget used by datagrams waiting in receivers' queues
     std::size_t queue_len = kIpcDefaultQueueLen;
 };
 
 struct Timeout {
-    uint64_t expiry_us;
-    uint64_t seq;  // registration order
+    uint64_t expiry_us, seq;  // seq: registration order
     vk_eloop_timeout_handler handler;
     void *ctx1, *ctx2;
 };
@@ -65,12 +63,9 @@ struct SignalReg {
 };
 
 struct World {
-    uint64_t now_us = 0;
-    uint64_t next_seq = 0;
+    uint64_t now_us = 0, next_seq = 0, next_timeout_seq = 0;
     bool terminate = false;
-    // Kept sorted by expiry; equal expiries stay in registration order.
-    std::vector<Timeout> timeouts;
-    uint64_t next_timeout_seq = 0;
+    std::vector<Timeout> timeouts;  // by expiry, then registration order
     std::map<int, SockReg> read_socks, write_socks;
     std::map<int, Socket> sockets;
     std::map<int, SignalReg> signals;  // null handler: ignored
@@ -88,8 +83,7 @@ struct World {
     std::vector<SyslogLine> syslog;
     std::optional<std::string> mac = "0013a9c0ffee";
     std::string serial = "SN-TEST-0001";
-    // Uptime at virtual time uptime_at_us; it grows with the clock from there.
-    long uptime_s = 4242;
+    long uptime_s = 4242;      // at virtual time uptime_at_us, growing with the clock
     uint64_t uptime_at_us = 0;
     bool uptime_fail = false;
     int64_t epoch_s = 1700000000;
@@ -102,15 +96,11 @@ inline int fail(int err) {
     return -1;
 }
 
-// Lowest free fake descriptor, or -1 when all are taken.
-int alloc_fd();
+int alloc_fd();  // lowest free fake descriptor, or -1 when all are taken
 Socket *find_socket(int fd);
-// Drops the socket and its registrations; false when fd is not open.
-bool close_fd(int fd);
-// Queues input on fd, stamped with the next injection number.
-void push_input(Socket &s, Pending p);
-// Descriptor of the IPC endpoint at path, or -1.
-int ipc_fd_of(const std::string &path);
+bool close_fd(int fd);  // drops the socket and its registrations; false when not open
+void push_input(Socket &s, Pending p);  // stamped with the next injection number
+int ipc_fd_of(const std::string &path);  // the IPC endpoint at path, or -1
 // Whether a send on fd finds room now (its budget, an IPC receiver's queue).
 bool writable(int fd);
 // Takes a read or dropped datagram's charge off its sender's budget.
