@@ -73,10 +73,7 @@ int send(vk_ipc_send_desc_t *d, bool resp) {
     if (missing || full) return fail(missing ? ENOENT : EAGAIN);
     const int from = resp ? d->handle->sock : peer_sock(d->handle->sock, peer);
     if (from < 0) return -1;
-    const Socket *to = find_socket(ipc_fd_of(peer));
-    // Refused as by the kernel: the sender's budget is used up, or the
-    // receiver's queue is past its length.
-    const bool room = find_socket(from)->charged < kIpcSendBudget && (!to || to->input.size() <= to->queue_len);
+    const bool room = has_room(*find_socket(from), peer);
     IpcSent &rec = world().ipc_sent.back();
     rec.delivered = room;
     rec.full = !room;
@@ -98,9 +95,8 @@ void ipc_clear_sent() { world().ipc_sent.clear(); }
 void ipc_inject(uint32_t type, uint32_t flags, std::span<const uint8_t> payload, const std::string &sender,
                 const std::string &to) {
     const uint32_t hdr[3] = {type, static_cast<uint32_t>(payload.size()), flags};
-    std::vector<uint8_t> bytes(VK_IPC_HDR_LEN + payload.size());
-    std::memcpy(bytes.data(), hdr, VK_IPC_HDR_LEN);
-    std::copy(payload.begin(), payload.end(), bytes.begin() + VK_IPC_HDR_LEN);
+    std::vector<uint8_t> bytes(reinterpret_cast<const uint8_t *>(hdr), reinterpret_cast<const uint8_t *>(hdr + 3));
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
     queue_for(to, std::move(bytes), sender);
 }
 

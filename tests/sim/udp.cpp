@@ -33,12 +33,6 @@ const sockaddr_in *inet_addr_of(const sockaddr *a, socklen_t len) {
     return nullptr;
 }
 
-uint16_t next_ephemeral_port() {
-    World &w = world();
-    while (udp_at_port(w.next_ephemeral)) ++w.next_ephemeral;
-    return w.next_ephemeral++;
-}
-
 }  // namespace
 
 const std::vector<Datagram> &udp_sent() { return world().udp_sent; }
@@ -87,7 +81,7 @@ int vk_os_bind(int fd, const struct sockaddr *addr, socklen_t len) {
     if (s->port != 0) return fail(EINVAL);
     const uint16_t port = ntohs(in->sin_port);
     if (port != 0 && sim::udp_at_port(port)) return fail(EADDRINUSE);
-    s->port = port != 0 ? port : sim::next_ephemeral_port();
+    s->port = port;  // the daemon binds its port: no ephemeral one to hand out
     return 0;
 }
 
@@ -116,8 +110,6 @@ ssize_t vk_os_sendto(int fd, const void *buf, size_t len, int, const struct sock
     sim::Socket *s = sim::udp_socket(fd);
     const sockaddr_in *in = s ? sim::inet_addr_of(to, tolen) : nullptr;
     if (!in) return -1;
-    // An unbound socket gets a port on its first send, as in the kernel.
-    if (s->port == 0) s->port = sim::next_ephemeral_port();
     const auto *b = static_cast<const uint8_t *>(buf);
     world().udp_sent.push_back(
         sim::Datagram{world().now_us, in->sin_addr.s_addr, ntohs(in->sin_port), std::vector<uint8_t>(b, b + len)});

@@ -48,15 +48,14 @@ void uncharge(const Pending &p) {
     if (Socket *from = find_socket(p.charged_to)) from->charged -= p.charge;
 }
 
+bool has_room(const Socket &from, const std::string &peer) {
+    const Socket *to = find_socket(ipc_fd_of(peer));
+    return from.charged < kIpcSendBudget && (!to || to->input.size() <= to->queue_len);
+}
+
 bool writable(int fd) {
     const Socket *s = find_socket(fd);
-    if (!s) return false;
-    if (!s->ipc) return true;
-    if (s->charged >= kIpcSendBudget) return false;
-    if (s->peer.empty()) return true;
-    if (world().ipc_full.count(s->peer)) return false;
-    const Socket *to = find_socket(ipc_fd_of(s->peer));
-    return !to || to->input.size() <= to->queue_len;
+    return s && (!s->ipc || (!world().ipc_full.count(s->peer) && has_room(*s, s->peer)));
 }
 
 void push_input(Socket &s, Pending p) {

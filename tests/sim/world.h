@@ -74,7 +74,6 @@ struct World {
     std::vector<Datagram> udp_sent;
     int udp_fail_socket = 0, udp_fail_bind = 0;
     bool udp_burst_missing = false;
-    uint16_t next_ephemeral = 40000;
 
     std::vector<IpcSent> ipc_sent;
     std::set<std::string> ipc_missing, ipc_full;
@@ -101,7 +100,10 @@ Socket *find_socket(int fd);
 bool close_fd(int fd);  // drops the socket and its registrations; false when not open
 void push_input(Socket &s, Pending p);  // stamped with the next injection number
 int ipc_fd_of(const std::string &path);  // the IPC endpoint at path, or -1
-// Whether a send on fd finds room now (its budget, an IPC receiver's queue).
+// Whether a send from an IPC socket to peer finds room now: the sender's budget
+// is not used up and the receiver's queue not past its length, as the kernel checks.
+bool has_room(const Socket &from, const std::string &peer);
+// Whether a send on fd finds room now: UDP always, IPC as above unless its peer is set full.
 bool writable(int fd);
 // Takes a read or dropped datagram's charge off its sender's budget.
 void uncharge(const Pending &p);
