@@ -13,12 +13,8 @@ World &world() {
 void reset() { world() = World{}; }
 
 int alloc_fd() {
-    // Lowest free number, as the kernel hands them out.
-    int fd = kFirstFd;
-    for (const auto &[used, s] : world().sockets) {
-        if (used != fd) break;
-        ++fd;
-    }
+    int fd = kFirstFd;  // the lowest free number, as the kernel hands them out
+    while (world().sockets.count(fd)) ++fd;
     return fd <= kLastFd ? fd : -1;
 }
 
