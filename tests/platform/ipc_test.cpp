@@ -84,7 +84,9 @@ Received receive(Endpoint &e) {
     r.rc = vk_ipc_recv_large(&set, &rec, &r.received);
     r.err = errno;
     r.sender.assign(rec.sender, strnlen(rec.sender, sizeof rec.sender));
-    if (r.received == 1) r = {r.rc, r.err, 1, r.sender, std::string(reinterpret_cast<char *>(msg->payload), msg->len), msg->type, msg->flags};
+    if (r.received == 1)
+        r = {r.rc, r.err, 1, r.sender, std::string(reinterpret_cast<char *>(msg->payload), msg->len), msg->type,
+             msg->flags};
     return r;
 }
 
