@@ -67,7 +67,8 @@ void handle_sockets() {
     }
 }
 
-// Every signal raised so far, each taken one once, in the order raised.
+// Every signal raised so far, each taken one once, in number order as the real
+// loop does; a termination wins over the others.
 void deliver_signals() {
     World &w = world();
     std::vector<int> raised;

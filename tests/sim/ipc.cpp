@@ -171,10 +171,7 @@ int vk_ipc_recv_large(fd_set *set, vk_ipc_recv_desc_t *rec, uint8_t *received) {
     // size, so an oversized datagram is refused rather than cut.
     if (!p.bytes.empty()) std::memcpy(rec->msg, p.bytes.data(), std::min(p.bytes.size(), VK_IPC_MSG_MAX));
     // A sender path too long for the field is handed out empty, as by the real one.
-    if (p.sender.size() < VK_IPC_PATH_MAX) {
-        std::memcpy(rec->sender, p.sender.data(), p.sender.size());
-        rec->sender[p.sender.size()] = '\0';
-    }
+    if (p.sender.size() < VK_IPC_PATH_MAX) std::memcpy(rec->sender, p.sender.c_str(), p.sender.size() + 1);
     if (int err = vk_ipc_check_envelope(rec->msg, p.bytes.size())) return fail(err);
     *received = 1;
     return 0;
