@@ -41,24 +41,17 @@ inline void unblock(void *, void *) {
 
 class EloopContract : public ::testing::Test {
 protected:
-    void SetUp() override {
-        fired.clear();
-        w_ = new EloopWorld();
-        world = w_;
-    }
-    void TearDown() override {
-        delete w_;
-        world = nullptr;
-    }
+    EloopContract() { fired.clear(), world = &w; }
+    ~EloopContract() override { world = nullptr; }
     static void run_ms(unsigned ms) {
         ASSERT_EQ(vk_eloop_register_timeout(0, ms * 1000, stop, nullptr, nullptr), 0);
         vk_eloop_run();
     }
-    EloopWorld *w_ = nullptr;
+    EloopWorld w;
 };
 
 TEST_F(EloopContract, TimeoutsDueRunBeforeSocketsReadyAtTheSameInstant) {
-    const int sock = w_->readable();
+    const int sock = w.readable();
     ASSERT_EQ(vk_eloop_register_read_sock(sock, on_readable, nullptr, nullptr), 0);
     ASSERT_EQ(vk_eloop_register_timeout(0, 0, record, nullptr, const_cast<char *>("timeout")), 0);
     run_ms(20);
@@ -66,7 +59,7 @@ TEST_F(EloopContract, TimeoutsDueRunBeforeSocketsReadyAtTheSameInstant) {
 }
 
 TEST_F(EloopContract, AWriteWatchRunsOnceThereIsRoomAndNotAfterItIsRemoved) {
-    const int sock = w_->blocked();
+    const int sock = w.blocked();
     ASSERT_EQ(vk_eloop_register_write_sock(sock, on_writable, nullptr, nullptr), 0);
     ASSERT_EQ(vk_eloop_register_timeout(0, 5000, unblock, nullptr, nullptr), 0);
     run_ms(30);
@@ -75,9 +68,9 @@ TEST_F(EloopContract, AWriteWatchRunsOnceThereIsRoomAndNotAfterItIsRemoved) {
 }
 
 TEST_F(EloopContract, ReadAndWriteWatchesOfOneSocketAreIndependent) {
-    const int sock = w_->blocked();
+    const int sock = w.blocked();
     ASSERT_EQ(vk_eloop_register_write_sock(sock, on_writable, nullptr, nullptr), 0);
-    const int other = w_->readable();
+    const int other = w.readable();
     ASSERT_EQ(vk_eloop_register_read_sock(other, on_readable, nullptr, nullptr), 0);
     vk_eloop_unregister_read_sock(sock);  // never registered for reading: changes nothing
     ASSERT_EQ(vk_eloop_register_timeout(0, 5000, unblock, nullptr, nullptr), 0);

@@ -13,23 +13,14 @@ namespace platform_test {
 // Sets (or, with nullopt, unsets) a variable; restores the old state on exit.
 class ScopedEnv {
 public:
-    ScopedEnv(const char *name, std::optional<std::string> value) : name_(name) {
+    ScopedEnv(const char *name, const std::optional<std::string> &value) : name_(name) {
         if (const char *old = std::getenv(name)) old_ = old;
-        if (value)
-            setenv(name, value->c_str(), 1);
-        else
-            unsetenv(name);
+        set(value);
     }
-    ~ScopedEnv() {
-        if (old_)
-            setenv(name_.c_str(), old_->c_str(), 1);
-        else
-            unsetenv(name_.c_str());
-    }
-    ScopedEnv(const ScopedEnv &) = delete;
-    ScopedEnv &operator=(const ScopedEnv &) = delete;
+    ~ScopedEnv() { set(old_); }
 
 private:
+    void set(const std::optional<std::string> &v) { v ? setenv(name_.c_str(), v->c_str(), 1) : unsetenv(name_.c_str()); }
     std::string name_;
     std::optional<std::string> old_;
 };
@@ -37,17 +28,13 @@ private:
 // A fresh directory under $TMPDIR (or /tmp), removed with all it holds.
 class TempDir {
 public:
-    TempDir() {
-        std::string tmpl = (std::filesystem::temp_directory_path() / "vkplat-XXXXXX").string();
-        if (!mkdtemp(tmpl.data())) std::abort();  // nothing to test in
-        path_ = tmpl;
+    TempDir() : path_((std::filesystem::temp_directory_path() / "vkplat-XXXXXX").string()) {
+        if (!mkdtemp(path_.data())) std::abort();  // nothing to test in
     }
     ~TempDir() {
         std::error_code ec;
-        if (!path_.empty()) std::filesystem::remove_all(path_, ec);
+        std::filesystem::remove_all(path_, ec);
     }
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
 
     const std::string &path() const { return path_; }
     std::string operator/(const std::string &rel) const { return path_ + "/" + rel; }

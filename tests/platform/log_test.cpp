@@ -4,10 +4,11 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdio>
 #include <fstream>
+#include <iterator>
 #include <optional>
-#include <sstream>
 #include <string>
 
 #include "platform/log.h"
@@ -19,9 +20,7 @@ namespace {
 // The file's content; "(none)" when there is no such file.
 std::string slurp(const std::string &file) {
     std::ifstream in(file);
-    std::stringstream s;
-    s << in.rdbuf();
-    return in ? s.str() : "(none)";
+    return in ? std::string(std::istreambuf_iterator<char>(in), {}) : "(none)";
 }
 
 class Log : public ::testing::Test {
@@ -55,28 +54,24 @@ TEST_F(Log, LevelFromTheEnvironmentWhenItIsANumber) {
 // The file is the module's name in lower case, written from its start; the log
 // of the run before survives as .1, replacing an older one, unless it is empty.
 TEST_F(Log, EarlierRunsLogIsKeptAsDotOne) {
-    struct Case {
-        const char *log, *dot1;  // before (nullptr: no file)
-        const char *want_dot1;
-    };
-    const Case cases[] = {
+    const std::array<const char *, 3> cases[] = {  // .log and .1 before (nullptr: no file), .1 after
         {nullptr, nullptr, "(none)"},
         {"run two\n", nullptr, "run two\n"},
         {"run three\n", "run two\n", "run three\n"},
         {"", "run two\n", "run two\n"},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(&c - cases);
+    for (const auto &[log, dot1, want_dot1] : cases) {
+        SCOPED_TRACE(log ? log : "no log");
         std::remove((dir / "tovrin.log.1").c_str());
-        if (c.log) dir.write("tovrin.log", c.log);
-        if (c.dot1) dir.write("tovrin.log.1", c.dot1);
+        if (log) dir.write("tovrin.log", log);
+        if (dot1) dir.write("tovrin.log.1", dot1);
         cur_log_size = 500;
         VK_LOG_INIT("ToVRin", 4, 0);
         ASSERT_NE(log_file_name, nullptr);
         EXPECT_EQ(cur_log_size, 0u);
         write_log("new\n");
         EXPECT_EQ(slurp(dir / "tovrin.log"), "new\n");
-        EXPECT_EQ(slurp(dir / "tovrin.log.1"), c.want_dot1);
+        EXPECT_EQ(slurp(dir / "tovrin.log.1"), want_dot1);
         close_log();
     }
     EXPECT_EQ(slurp(dir / "ToVRin.log"), "(none)");

@@ -14,14 +14,16 @@
 namespace platform_test {
 namespace {
 
-// A buffer larger than what the call is told, to see that nothing is written past size.
-struct Guarded {
+// Calls get(buf, size) on a buffer larger than size and checks that nothing
+// is written past size; returns the call's result and the first size bytes.
+template <typename Get>
+std::pair<int, std::string> guarded(int size, Get get) {
     std::array<char, 80> buf;
-    Guarded() { buf.fill('#'); }
-    bool untouched_from(int size) const { return std::string(buf.begin() + size, buf.end()) == std::string(80 - std::size_t(size), '#'); }
-    std::string text(int size) const { return std::string(buf.data(), std::size_t(size)); }
-    std::string c_str() const { return buf.data(); }
-};
+    buf.fill('#');
+    const int rc = get(buf.data(), size);
+    EXPECT_EQ(std::string(buf.begin() + size, buf.end()), std::string(80 - std::size_t(size), '#')) << "written past size";
+    return {rc, std::string(buf.data(), std::size_t(size))};
+}
 
 class Node : public ::testing::Test {
 protected:
@@ -44,16 +46,15 @@ TEST_F(Node, MacFromTheEnvironmentAsGivenWithinSize) {
     for (const Case &c : cases) {
         SCOPED_TRACE(std::string(c.value) + " in " + std::to_string(c.size));
         ScopedEnv value("VK_NODE_VAP_MAC", c.value);
-        Guarded g;
-        EXPECT_EQ(vk_get_node_vap_mac(0, g.buf.data(), c.size), c.text ? 0 : -1);
-        if (c.text) { EXPECT_EQ(g.c_str(), c.text); }
-        EXPECT_TRUE(g.untouched_from(c.size));
+        const auto [rc, text] = guarded(c.size, [](char *b, int n) { return vk_get_node_vap_mac(0, b, n); });
+        EXPECT_EQ(rc, c.text ? 0 : -1);
+        EXPECT_STREQ(rc == 0 ? text.c_str() : nullptr, c.text);
     }
     // The loopback's address is all zeros; the other name exists nowhere: no falling back.
     for (const char *name : {"lo", "vk-none-0"}) {
         ScopedEnv named("VK_NODE_VAP_IFACE", name);
-        Guarded g;
-        EXPECT_NE(vk_get_node_vap_mac(0, g.buf.data(), 13), 0) << name;
+        char buf[13];
+        EXPECT_NE(vk_get_node_vap_mac(0, buf, 13), 0) << name;
     }
 }
 
@@ -93,20 +94,18 @@ TEST_F(Node, MacFromInterfaceAddresses) {
         SCOPED_TRACE(&c - cases);
         TempDir net;
         for (const auto &[name, address] : c.tree) net.write(name + "/address", address);
-        Guarded g;
-        EXPECT_EQ(vk_node_mac_from_net(net.path().c_str(), c.iface, g.buf.data(), c.size), c.text ? 0 : -1);
-        if (c.text) { EXPECT_EQ(g.c_str(), c.text); }
-        EXPECT_TRUE(g.untouched_from(c.size));
+        const auto [rc, text] =
+            guarded(c.size, [&](char *b, int n) { return vk_node_mac_from_net(net.path().c_str(), c.iface, b, n); });
+        EXPECT_EQ(rc, c.text ? 0 : -1);
+        EXPECT_STREQ(rc == 0 ? text.c_str() : nullptr, c.text);
     }
 }
 
 TEST_F(Node, SerialNumberFromEnvironmentOrFile) {
     TempDir dir;
-    dir.write("serial", "HX7-2231\nsecond line\n");
-    dir.write("crlf", "CRLF-1\r\n");
-    dir.write("blank", "\nHX7-9999\n");
-    dir.write("empty", "");
-    dir.write("short", "7\n");
+    for (const auto &[file, text] : {std::pair{"serial", "HX7-2231\nsecond line\n"}, {"crlf", "CRLF-1\r\n"},
+                                     {"blank", "\nHX7-9999\n"}, {"empty", ""}, {"short", "7\n"}})
+        dir.write(file, text);
     std::string machine_id;
     std::getline(std::ifstream("/etc/machine-id"), machine_id);
     machine_id.resize(16, '\0');
@@ -130,10 +129,9 @@ TEST_F(Node, SerialNumberFromEnvironmentOrFile) {
         SCOPED_TRACE(&c - cases);
         ScopedEnv env("VK_NODE_SERIAL", c.env);
         ScopedEnv file("VK_NODE_SERIAL_FILE", c.file);
-        Guarded g;
-        EXPECT_EQ(vk_get_node_serial_num(g.buf.data(), c.size), c.expected.empty() ? -1 : 0);
-        if (!c.expected.empty()) { EXPECT_EQ(g.text(c.size), c.expected); }
-        EXPECT_TRUE(g.untouched_from(c.size));
+        const auto [rc, text] = guarded(c.size, vk_get_node_serial_num);
+        EXPECT_EQ(rc, c.expected.empty() ? -1 : 0);
+        EXPECT_EQ(rc == 0 ? text : "", c.expected);
     }
 }
 

@@ -2,7 +2,6 @@
 // (at each instant the timeouts due first, then the sockets ready), but time
 // only moves when a timeout is due or a run_for ends.
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <utility>
@@ -13,27 +12,29 @@
 namespace sim {
 namespace {
 
+// Within vk_eloop_run a termination stops dispatch, as it stops the real one.
+bool in_run = false;
+bool stopped() { return in_run && world().terminate; }
+
 bool still_pending(int fd, uint64_t seq) {
     const Socket *s = find_socket(fd);
-    if (!s) return false;
-    return std::any_of(s->input.begin(), s->input.end(), [seq](const Pending &p) { return p.seq == seq; });
+    return s && std::any_of(s->input.begin(), s->input.end(), [seq](const Pending &p) { return p.seq == seq; });
 }
 
 // Calls the write handler of every registered socket that has room, once.
 // True when one of them did something: sent, or changed registrations.
-bool handle_writable(bool stop_on_terminate) {
+bool handle_writable() {
     World &w = world();
     std::vector<int> ready;
     for (const auto &[fd, ws] : w.write_socks)
         if (writable(fd)) ready.push_back(fd);
     bool acted = false;
     for (int fd : ready) {
-        if (stop_on_terminate && w.terminate) break;
+        if (stopped()) break;
         auto it = w.write_socks.find(fd);
         if (it == w.write_socks.end() || !writable(fd)) continue;
-        const ReadSock ws = it->second;
-        const std::size_t sends = w.ipc_sent.size() + w.udp_sent.size();
-        const std::size_t regs = w.write_socks.size();
+        const SockReg ws = it->second;
+        const std::size_t sends = w.ipc_sent.size() + w.udp_sent.size(), regs = w.write_socks.size();
         ws.handler(fd, ws.ctx1, ws.ctx2);
         acted = acted || sends != w.ipc_sent.size() + w.udp_sent.size() || regs != w.write_socks.size();
     }
@@ -43,9 +44,8 @@ bool handle_writable(bool stop_on_terminate) {
 // Calls the handler of every registered socket once per pending datagram, in
 // injection order, then the handlers of sockets with room to write, then again
 // for what the callbacks left or added, until a pass changes nothing. A
-// handler that never reads cannot hang the world. Within vk_eloop_run a
-// termination stops it, as it stops the real dispatch.
-void handle_sockets(bool stop_on_terminate) {
+// handler that never reads cannot hang the world.
+void handle_sockets() {
     World &w = world();
     for (;;) {
         std::vector<std::pair<uint64_t, int>> due;
@@ -55,21 +55,20 @@ void handle_sockets(bool stop_on_terminate) {
         std::sort(due.begin(), due.end());
         bool consumed = false;
         for (const auto &[seq, fd] : due) {
-            if (stop_on_terminate && w.terminate) return;
+            if (stopped()) return;
             // Earlier callbacks may have read it, closed fd or unregistered it.
             auto it = w.read_socks.find(fd);
             if (it == w.read_socks.end() || !still_pending(fd, seq)) continue;
-            const ReadSock rs = it->second;
+            const SockReg rs = it->second;
             rs.handler(fd, rs.ctx1, rs.ctx2);
             consumed = consumed || !still_pending(fd, seq);
         }
-        if (stop_on_terminate && w.terminate) return;
-        const bool wrote = handle_writable(stop_on_terminate);
-        if (!consumed && !wrote) return;
+        if (stopped() || (!handle_writable() && !consumed)) return;
     }
 }
 
-// Every signal raised so far, each taken one once, in the order raised.
+// Every signal raised so far, each taken one once, in number order as the real
+// loop does; a termination wins over the others.
 void deliver_signals() {
     World &w = world();
     std::vector<int> raised;
@@ -88,10 +87,10 @@ void deliver_signals() {
 // Runs the timeouts due now that were registered before this pass, in order;
 // one registered meanwhile with no delay waits for the next pass, as in the
 // real loop. Each is removed before its call, so it may re-arm or cancel freely.
-void run_due_timeouts(bool stop_on_terminate) {
+void run_due_timeouts() {
     World &w = world();
     const uint64_t seq_limit = w.next_timeout_seq;
-    while (!(stop_on_terminate && w.terminate) && !w.timeouts.empty()) {
+    while (!stopped() && !w.timeouts.empty()) {
         const Timeout t = w.timeouts.front();
         if (t.expiry_us > w.now_us || t.seq >= seq_limit) return;
         w.timeouts.erase(w.timeouts.begin());
@@ -102,15 +101,12 @@ void run_due_timeouts(bool stop_on_terminate) {
 // One pass at the current instant; then the clock moves to the next expiry
 // unless something is due now already or the next lies past end. False when
 // the clock cannot move (nothing pending, or past end).
-bool pass_and_advance(bool in_run, uint64_t end) {
+bool pass_and_advance(uint64_t end) {
     World &w = world();
     deliver_signals();
-    if (in_run && w.terminate) return false;
-    run_due_timeouts(in_run);
-    if (in_run && w.terminate) return false;
-    handle_sockets(in_run);
-    if (in_run && w.terminate) return false;
-    if (w.timeouts.empty() || w.timeouts.front().expiry_us > end) return false;
+    if (!stopped()) run_due_timeouts();
+    if (!stopped()) handle_sockets();
+    if (stopped() || w.timeouts.empty() || w.timeouts.front().expiry_us > end) return false;
     w.now_us = std::max(w.now_us, w.timeouts.front().expiry_us);
     return true;
 }
@@ -124,8 +120,7 @@ uint64_t now_us() { return world().now_us; }
 void run_for(uint64_t us) {
     World &w = world();
     const uint64_t end = w.now_us + us;
-    while (pass_and_advance(false, end)) {
-    }
+    while (pass_and_advance(end)) continue;
     w.now_us = end;
 }
 
@@ -148,43 +143,35 @@ std::optional<uint64_t> next_timeout_of(vk_eloop_timeout_handler h) {
 
 }  // namespace sim
 
+using sim::fail;
 using sim::world;
 
 // As the real loop: calling it again starts afresh, no sockets watched, no
 // timeouts, not terminating. The clock and the sockets themselves stay.
 int vk_eloop_init(void *) {
-    world().terminate = false;
-    world().timeouts.clear();
-    world().read_socks.clear();
-    world().signals.clear();
-    world().write_socks.clear();
+    sim::World &w = world();
+    w.terminate = false;
+    w.timeouts.clear();
+    w.read_socks.clear();
+    w.signals.clear();
+    w.write_socks.clear();
     return 0;
 }
 
 int vk_eloop_register_signal(int sig, vk_eloop_signal_handler handler, void *ctx) {
-    if (sig <= 0 || sig > 64 || sig == SIGTERM || sig == SIGINT || sig == SIGKILL || sig == SIGSTOP) {
-        errno = EINVAL;
-        return -1;
-    }
+    if (sig <= 0 || sig > 64 || sig == SIGTERM || sig == SIGINT || sig == SIGKILL || sig == SIGSTOP) return fail(EINVAL);
     world().signals[sig] = sim::SignalReg{handler, ctx};
     return 0;
 }
 
 namespace {
-// Enters a read or write registration into socks.
-int register_sock(std::map<int, sim::ReadSock> &socks, int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
+// Enters a read or write registration into socks; registering again replaces
+// the handler and contexts, as in the real loop.
+int register_sock(std::map<int, sim::SockReg> &socks, int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
                   void *sock_ctx) {
-    if (sock < 0 || !handler) {
-        errno = EINVAL;
-        return -1;
-    }
-    // Not a descriptor of the world: epoll would refuse it too.
-    if (!sim::find_socket(sock)) {
-        errno = EBADF;
-        return -1;
-    }
-    // Registering again replaces the handler and contexts, as in the real loop.
-    socks[sock] = sim::ReadSock{handler, eloop_ctx, sock_ctx};
+    if (sock < 0 || !handler) return fail(EINVAL);
+    if (!sim::find_socket(sock)) return fail(EBADF);  // not of the world: epoll would refuse it too
+    socks[sock] = sim::SockReg{handler, eloop_ctx, sock_ctx};
     return 0;
 }
 }  // namespace
@@ -203,10 +190,7 @@ void vk_eloop_unregister_write_sock(int sock) { world().write_socks.erase(sock);
 
 int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs, vk_eloop_timeout_handler handler, void *eloop_ctx,
                               void *user_ctx) {
-    if (!handler) {
-        errno = EINVAL;
-        return -1;
-    }
+    if (!handler) return fail(EINVAL);
     auto &ts = world().timeouts;
     const uint64_t expiry = world().now_us + uint64_t{secs} * 1000000 + usecs;
     // After every timeout with the same expiry: those were registered first.
@@ -217,20 +201,18 @@ int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs, vk_eloop_ti
 }
 
 int vk_eloop_cancel_timeout(vk_eloop_timeout_handler handler, void *eloop_ctx, void *user_ctx) {
-    auto &ts = world().timeouts;
-    const auto removed = std::erase_if(ts, [&](const sim::Timeout &t) {
+    return static_cast<int>(std::erase_if(world().timeouts, [&](const sim::Timeout &t) {
         return t.handler == handler && sim::matches(eloop_ctx, t.ctx1) && sim::matches(user_ctx, t.ctx2);
-    });
-    return static_cast<int>(removed);
+    }));
 }
 
 // Runs until terminated or until nothing can happen any more: no timeout is
 // pending and no registered socket has input its handler will read.
 void vk_eloop_run(void) {
     sim::World &w = world();
-    while (!w.terminate && sim::pass_and_advance(true, UINT64_MAX)) {
-    }
-    w.terminate = false;
+    sim::in_run = true;
+    while (!w.terminate && sim::pass_and_advance(UINT64_MAX)) continue;
+    sim::in_run = w.terminate = false;
 }
 
 void vk_eloop_terminate(void) { world().terminate = true; }

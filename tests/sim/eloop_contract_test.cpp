@@ -30,8 +30,7 @@ struct EloopWorld {
         FD_SET(a.sock, &set);
         vk_ipc_recv_desc_t rec{&a, &msg, {}};
         uint8_t got = 0;
-        while (vk_ipc_recv_large(&set, &rec, &got) == 0 && got) {
-        }
+        while (vk_ipc_recv_large(&set, &rec, &got) == 0 && got) continue;
     }
     int blocked() {
         sim::ipc_set_full(b.path, true);

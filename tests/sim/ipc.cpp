@@ -5,7 +5,6 @@
 // socket per destination, responses from the handle's own endpoint; the
 // receiver sees the handle's path as the sender of both.
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <utility>
 
@@ -15,16 +14,26 @@
 namespace sim {
 namespace {
 
-// The text of a fixed path field, or nullopt when it holds no NUL.
-std::optional<std::string> path_text(const char (&field)[VK_IPC_PATH_MAX]) {
+// The text of a fixed path field into out: 0, or the real service's errno
+// for a field with no NUL or an empty one.
+int path_text(const char (&field)[VK_IPC_PATH_MAX], std::string &out) {
     const char *end = std::find(field, field + VK_IPC_PATH_MAX, '\0');
-    if (end == field + VK_IPC_PATH_MAX) return std::nullopt;
-    return std::string(field, end);
+    if (end == field + VK_IPC_PATH_MAX) return ENAMETOOLONG;
+    out.assign(field, end);
+    return out.empty() ? EINVAL : 0;
 }
 
-int fail(int err) {
-    errno = err;
-    return -1;
+// The IPC socket of handle h, or null.
+const Socket *ipc_socket(const vk_ipc_handle_t *h) {
+    const Socket *s = find_socket(h->sock);
+    return s && s->ipc ? s : nullptr;
+}
+
+void set_flag(std::set<std::string> &paths, const std::string &path, bool on) {
+    if (on)
+        paths.insert(path);
+    else
+        paths.erase(path);
 }
 
 void queue_for(const std::string &to, std::vector<uint8_t> bytes, const std::string &sender, int from = -1) {
@@ -41,11 +50,10 @@ int peer_sock(int own, const std::string &peer) {
         if (s.ipc && s.owner == own && s.peer == peer) return fd;
     const int fd = alloc_fd();
     if (fd < 0) return fail(EMFILE);
-    Socket s;
+    Socket &s = world().sockets[fd];
     s.ipc = true;
     s.owner = own;
     s.peer = peer;
-    world().sockets[fd] = std::move(s);
     return fd;
 }
 
@@ -54,34 +62,28 @@ int send(vk_ipc_send_desc_t *d, bool resp) {
     if (!d || !d->handle || !d->msg) return fail(EINVAL);
     const vk_ipc_msg_t &m = *d->msg;
     if (m.len > VK_IPC_PAYLOAD_MAX) return fail(EMSGSIZE);
-    const std::optional<std::string> peer = path_text(d->peer);
-    if (!peer) return fail(ENAMETOOLONG);
-    if (peer->empty()) return fail(EINVAL);
-    const Socket *own = find_socket(d->handle->sock);
-    if (!own || !own->ipc) return fail(EBADF);
-    const bool missing = world().ipc_missing.count(*peer) > 0;
-    const bool full = world().ipc_full.count(*peer) > 0;
-    world().ipc_sent.push_back(IpcSent{world().now_us, d->kind, *peer, m.type, m.len, m.flags,
+    std::string peer;
+    if (int err = path_text(d->peer, peer)) return fail(err);
+    const Socket *own = ipc_socket(d->handle);
+    if (!own) return fail(EBADF);
+    const bool missing = world().ipc_missing.count(peer) > 0, full = world().ipc_full.count(peer) > 0;
+    world().ipc_sent.push_back(IpcSent{world().now_us, d->kind, peer, m.type, m.len, m.flags,
                                        std::vector<uint8_t>(m.payload, m.payload + m.len), !missing && !full,
                                        !missing && full, false});
-    if (missing) return fail(ENOENT);
-    if (full) return fail(EAGAIN);
-    const int from = resp ? d->handle->sock : peer_sock(d->handle->sock, *peer);
+    if (missing || full) return fail(missing ? ENOENT : EAGAIN);
+    const int from = resp ? d->handle->sock : peer_sock(d->handle->sock, peer);
     if (from < 0) return -1;
-    const Socket *to = find_socket(ipc_fd_of(*peer));
-    // Refused as by the kernel: the sender's budget is used up, or the
-    // receiver's queue is past its length.
-    const bool room = find_socket(from)->charged < kIpcSendBudget && (!to || to->input.size() <= to->queue_len);
+    const bool room = has_room(*find_socket(from), peer);
     IpcSent &rec = world().ipc_sent.back();
     rec.delivered = room;
     rec.full = !room;
     if (!room)
         for (const auto &[fd, o] : world().sockets)
-            if (o.path != *peer)
+            if (o.path != peer)
                 for (const Pending &p : o.input) rec.held_by_other = rec.held_by_other || p.charged_to == from;
     if (!room) return fail(EAGAIN);
     const auto *raw = reinterpret_cast<const uint8_t *>(&m);
-    queue_for(*peer, std::vector<uint8_t>(raw, raw + VK_IPC_HDR_LEN + m.len), own->path, from);
+    queue_for(peer, std::vector<uint8_t>(raw, raw + VK_IPC_HDR_LEN + m.len), own->path, from);
     return 0;
 }
 
@@ -93,9 +95,8 @@ void ipc_clear_sent() { world().ipc_sent.clear(); }
 void ipc_inject(uint32_t type, uint32_t flags, std::span<const uint8_t> payload, const std::string &sender,
                 const std::string &to) {
     const uint32_t hdr[3] = {type, static_cast<uint32_t>(payload.size()), flags};
-    std::vector<uint8_t> bytes(VK_IPC_HDR_LEN + payload.size());
-    std::memcpy(bytes.data(), hdr, VK_IPC_HDR_LEN);
-    std::copy(payload.begin(), payload.end(), bytes.begin() + VK_IPC_HDR_LEN);
+    std::vector<uint8_t> bytes(reinterpret_cast<const uint8_t *>(hdr), reinterpret_cast<const uint8_t *>(hdr + 3));
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
     queue_for(to, std::move(bytes), sender);
 }
 
@@ -103,19 +104,8 @@ void ipc_inject_raw(std::vector<uint8_t> bytes, const std::string &sender, const
     queue_for(to, std::move(bytes), sender);
 }
 
-void ipc_set_missing(const std::string &path, bool missing) {
-    if (missing)
-        world().ipc_missing.insert(path);
-    else
-        world().ipc_missing.erase(path);
-}
-
-void ipc_set_full(const std::string &path, bool full) {
-    if (full)
-        world().ipc_full.insert(path);
-    else
-        world().ipc_full.erase(path);
-}
+void ipc_set_missing(const std::string &path, bool missing) { set_flag(world().ipc_missing, path, missing); }
+void ipc_set_full(const std::string &path, bool full) { set_flag(world().ipc_full, path, full); }
 
 void ipc_fail_open(int err) { world().ipc_fail_open = err; }
 
@@ -132,30 +122,28 @@ bool ipc_is_open(const std::string &path) { return ipc_fd_of(path) >= 0; }
 
 }  // namespace sim
 
+using sim::fail;
 using sim::world;
 
 int vk_ipc_open(vk_ipc_handle_t *h) {
-    if (!h) return sim::fail(EINVAL);
+    if (!h) return fail(EINVAL);
     h->sock = -1;
-    if (int err = std::exchange(world().ipc_fail_open, 0)) return sim::fail(err);
-    const std::optional<std::string> path = sim::path_text(h->path);
-    if (!path) return sim::fail(ENAMETOOLONG);
-    if (path->empty()) return sim::fail(EINVAL);
-    if (sim::ipc_is_open(*path)) return sim::fail(EADDRINUSE);
+    std::string path;
+    if (int err = std::exchange(world().ipc_fail_open, 0)) return fail(err);
+    if (int err = sim::path_text(h->path, path)) return fail(err);
+    if (sim::ipc_is_open(path)) return fail(EADDRINUSE);
     const int fd = sim::alloc_fd();
-    if (fd < 0) return sim::fail(EMFILE);
-    sim::Socket s;
+    if (fd < 0) return fail(EMFILE);
+    sim::Socket &s = world().sockets[fd];
     s.ipc = true;
-    s.path = *path;
-    world().sockets[fd] = std::move(s);
+    s.path = path;
     h->sock = fd;
     return 0;
 }
 
 void vk_ipc_close(vk_ipc_handle_t *h) {
     if (!h) return;
-    const sim::Socket *s = sim::find_socket(h->sock);
-    if (s && s->ipc) {
+    if (sim::ipc_socket(h)) {
         std::vector<int> senders;
         for (const auto &[fd, o] : world().sockets)
             if (o.ipc && o.owner == h->sock) senders.push_back(fd);
@@ -168,13 +156,13 @@ void vk_ipc_close(vk_ipc_handle_t *h) {
 // As the real service: a handle not in set, or nothing pending, gives 0 with
 // *received 0; the sender is filled even for a refused datagram.
 int vk_ipc_recv_large(fd_set *set, vk_ipc_recv_desc_t *rec, uint8_t *received) {
-    if (!received) return sim::fail(EINVAL);
+    if (!received) return fail(EINVAL);
     *received = 0;
-    if (!rec || !rec->handle || !rec->msg) return sim::fail(EINVAL);
+    if (!rec || !rec->handle || !rec->msg) return fail(EINVAL);
     rec->sender[0] = '\0';
     const int fd = rec->handle->sock;
     sim::Socket *s = sim::find_socket(fd);
-    if (!s || !s->ipc) return sim::fail(EBADF);
+    if (!s || !s->ipc) return fail(EBADF);
     if (!set || !FD_ISSET(fd, set) || s->input.empty()) return 0;
     const sim::Pending p = std::move(s->input.front());
     s->input.pop_front();
@@ -183,11 +171,8 @@ int vk_ipc_recv_large(fd_set *set, vk_ipc_recv_desc_t *rec, uint8_t *received) {
     // size, so an oversized datagram is refused rather than cut.
     if (!p.bytes.empty()) std::memcpy(rec->msg, p.bytes.data(), std::min(p.bytes.size(), VK_IPC_MSG_MAX));
     // A sender path too long for the field is handed out empty, as by the real one.
-    if (p.sender.size() < VK_IPC_PATH_MAX) {
-        std::memcpy(rec->sender, p.sender.data(), p.sender.size());
-        rec->sender[p.sender.size()] = '\0';
-    }
-    if (int err = vk_ipc_check_envelope(rec->msg, p.bytes.size())) return sim::fail(err);
+    if (p.sender.size() < VK_IPC_PATH_MAX) std::memcpy(rec->sender, p.sender.c_str(), p.sender.size() + 1);
+    if (int err = vk_ipc_check_envelope(rec->msg, p.bytes.size())) return fail(err);
     *received = 1;
     return 0;
 }
@@ -197,11 +182,8 @@ int vk_ipc_send_large(vk_ipc_send_desc_t *d) { return sim::send(d, false); }
 int vk_ipc_resp_large(vk_ipc_send_desc_t *d) { return sim::send(d, true); }
 
 int vk_ipc_send_sock(vk_ipc_handle_t *h, const char (&peer)[VK_IPC_PATH_MAX]) {
-    if (!h) return sim::fail(EINVAL);
-    const std::optional<std::string> p = sim::path_text(peer);
-    if (!p) return sim::fail(ENAMETOOLONG);
-    if (p->empty()) return sim::fail(EINVAL);
-    const sim::Socket *own = sim::find_socket(h->sock);
-    if (!own || !own->ipc) return sim::fail(EBADF);
-    return sim::peer_sock(h->sock, *p);
+    if (!h) return fail(EINVAL);
+    std::string p;
+    if (int err = sim::path_text(peer, p)) return fail(err);
+    return sim::ipc_socket(h) ? sim::peer_sock(h->sock, p) : fail(EBADF);
 }

@@ -1,5 +1,4 @@
 // Clock, uptime, random numbers and syslog of the simulated machine.
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -26,10 +25,7 @@ void set_epoch(int64_t seconds) { world().epoch_s = seconds; }
 using sim::world;
 
 int vk_os_sysinfo(struct sysinfo *info) {
-    if (world().uptime_fail || !info) {
-        errno = EFAULT;
-        return -1;
-    }
+    if (world().uptime_fail || !info) return sim::fail(EFAULT);
     std::memset(info, 0, sizeof *info);
     info->uptime = world().uptime_s + static_cast<long>((world().now_us - world().uptime_at_us) / 1000000);
     info->mem_unit = 1;
@@ -43,7 +39,7 @@ time_t vk_os_time(time_t *t) {
 }
 
 void vk_os_ftime(struct vk_timeb *tb) {
-    tb->time = world().epoch_s + static_cast<int64_t>(world().now_us / 1000000);
+    tb->time = vk_os_time(nullptr);
     tb->millitm = static_cast<unsigned short>(world().now_us / 1000 % 1000);
 }
 
@@ -52,13 +48,11 @@ void vk_os_srand(unsigned int seed) { std::srand(seed); }
 int vk_os_rand(void) { return std::rand(); }
 
 void vk_os_syslog(int priority, const char *fmt, ...) {
-    va_list ap, again;
+    va_list ap;
     va_start(ap, fmt);
-    va_copy(again, ap);
-    const int n = std::vsnprintf(nullptr, 0, fmt, ap);
+    char *text = nullptr;
+    const int n = vasprintf(&text, fmt, ap);
     va_end(ap);
-    std::string text(n > 0 ? static_cast<size_t>(n) : 0, '\0');
-    if (n > 0) std::vsnprintf(text.data(), text.size() + 1, fmt, again);
-    va_end(again);
-    world().syslog.push_back(sim::SyslogLine{world().now_us, priority, std::move(text)});
+    world().syslog.push_back(sim::SyslogLine{world().now_us, priority, n >= 0 ? text : ""});
+    std::free(text);
 }

@@ -14,27 +14,23 @@
 
 namespace sim {
 
-// Everything back to its start: clock 0, no sockets, no timeouts, nothing
-// captured, node information and uptime at their defaults, no failures armed.
+// Everything back to its start: clock 0, nothing open, pending or captured,
+// the defaults below, no failures armed.
 void reset();
-
-// Virtual time in microseconds since reset().
-uint64_t now_us();
+uint64_t now_us();  // virtual time since reset()
 // Runs the world for us microseconds: handles every readable socket (UDP and
 // IPC, in injection order) and every timeout due, in time order, advancing the
 // clock to each timeout's expiry; ends with the clock at start + us.
 void run_for(uint64_t us);
 inline void run_for_ms(uint64_t ms) { run_for(ms * 1000); }
-// Handles readable sockets and timeouts due now, without advancing the clock.
-void settle();
+void settle();  // run_for(0): what is due now, the clock standing still
 // Sends sig to the daemon: handled at the next settle()/run_for() or round of
 // vk_eloop_run, before readable sockets, as the real loop reads its signal
 // pipe. SIGTERM and SIGINT end vk_eloop_run; a signal nobody took is lost.
 void raise_signal(int sig);
-// Number of pending timeouts, in all or of one handler.
+// Pending timeouts, in all or of one handler; when the next of h is due.
 std::size_t pending_timeouts();
 std::size_t pending_timeouts(vk_eloop_timeout_handler h);
-// Virtual time at which the next timeout of h is due, if any.
 std::optional<uint64_t> next_timeout_of(vk_eloop_timeout_handler h);
 
 // ---- UDP ----
@@ -44,16 +40,14 @@ struct Datagram {
     uint16_t port;   // host order
     std::vector<uint8_t> bytes;
 };
-// Every datagram the daemon sent, oldest first.
-const std::vector<Datagram> &udp_sent();
+const std::vector<Datagram> &udp_sent();  // oldest first
 void udp_clear_sent();
 // Queues a datagram for the daemon's UDP socket (the one bound to 6650). It is
 // read at the next settle()/run_for(). Dropped when no such socket is open.
 void udp_inject(uint32_t from_ip_net, std::vector<uint8_t> bytes, uint16_t from_port = 6650);
-// Whether a UDP socket is open, and the port it is bound to (0 if none).
 bool udp_open();
-uint16_t udp_bound_port();
-// Makes the next socket() or bind() fail with the given errno (0 disarms).
+uint16_t udp_bound_port();  // 0 if none is bound
+// Makes the next socket() or bind() fail with err (0 disarms).
 void udp_fail_socket(int err);
 void udp_fail_bind(int err);
 // Makes sendmmsg and recvmmsg answer ENOSYS, as a kernel without them does.
@@ -70,7 +64,7 @@ struct IpcSent {
     bool full;                     // refused with EAGAIN: the peer's queue or the sender's budget was full
     bool held_by_other;            // refused for a budget that datagrams waiting at other receivers use
 };
-// Every IPC message sent by any handle (daemon, sysmon calls), oldest first.
+// Sent by any handle (daemon, sysmon calls), oldest first.
 const std::vector<IpcSent> &ipc_sent();
 void ipc_clear_sent();
 // Queues an envelope (length word = payload size) for the endpoint at path
@@ -89,9 +83,7 @@ void ipc_set_full(const std::string &path, bool full);
 // when it was made; default kernel's 10), and how many datagrams wait there.
 void ipc_set_queue_len(const std::string &path, std::size_t len);
 std::size_t ipc_queued(const std::string &path);
-// Makes the next vk_ipc_open fail with err (0 disarms).
-void ipc_fail_open(int err);
-// Whether an endpoint is open at path.
+void ipc_fail_open(int err);  // the next vk_ipc_open (0 disarms)
 bool ipc_is_open(const std::string &path);
 
 // ---- syslog ----
@@ -103,10 +95,9 @@ struct SyslogLine {
 const std::vector<SyslogLine> &syslog_lines();
 
 // ---- node, clock and uptime ----
-// MAC text handed out by vk_get_node_vap_mac (default "0013a9c0ffee");
-// nullopt makes it fail.
+// Handed out by vk_get_node_vap_mac (default "0013a9c0ffee"; nullopt: it
+// fails) and vk_get_node_serial_num (default "SN-TEST-0001").
 void node_set_mac(std::optional<std::string> text);
-// Serial number handed out (default "SN-TEST-0001").
 void node_set_serial(const std::string &serial);
 // Uptime reported by sysinfo (default 4242 s; failing when fail is true).
 void set_uptime(long seconds, bool fail = false);

@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <utility>
 
@@ -13,18 +12,13 @@
 namespace sim {
 namespace {
 
-// The UDP socket behind fd, or null with errno set as the kernel would.
+// The UDP socket behind fd, or null with errno set as the kernel would
+// (IPC has calls of its own: the daemon never uses these on it).
 Socket *udp_socket(int fd) {
     Socket *s = find_socket(fd);
-    if (!s) {
-        errno = EBADF;
-        return nullptr;
-    }
-    if (s->ipc) {
-        errno = ENOTSOCK;  // nothing the daemon should do: IPC has its own calls
-        return nullptr;
-    }
-    return s;
+    if (s && !s->ipc) return s;
+    fail(s ? ENOTSOCK : EBADF);
+    return nullptr;
 }
 
 Socket *udp_at_port(uint16_t port) {
@@ -34,17 +28,9 @@ Socket *udp_at_port(uint16_t port) {
 }
 
 const sockaddr_in *inet_addr_of(const sockaddr *a, socklen_t len) {
-    if (!a || len < sizeof(sockaddr_in) || a->sa_family != AF_INET) {
-        errno = a && a->sa_family != AF_INET ? EAFNOSUPPORT : EINVAL;
-        return nullptr;
-    }
-    return reinterpret_cast<const sockaddr_in *>(a);
-}
-
-uint16_t next_ephemeral_port() {
-    World &w = world();
-    while (udp_at_port(w.next_ephemeral)) ++w.next_ephemeral;
-    return w.next_ephemeral++;
+    if (a && a->sa_family == AF_INET && len >= sizeof(sockaddr_in)) return reinterpret_cast<const sockaddr_in *>(a);
+    fail(a && a->sa_family != AF_INET ? EAFNOSUPPORT : EINVAL);
+    return nullptr;
 }
 
 }  // namespace
@@ -73,49 +59,29 @@ void udp_burst_missing(bool missing) { world().udp_burst_missing = missing; }
 
 }  // namespace sim
 
+using sim::fail;
 using sim::world;
 
 int vk_os_socket(int domain, int type, int protocol) {
-    if (int err = std::exchange(world().udp_fail_socket, 0)) {
-        errno = err;
-        return -1;
-    }
-    if (domain != AF_INET) {
-        errno = EAFNOSUPPORT;
-        return -1;
-    }
-    if ((type & ~(SOCK_NONBLOCK | SOCK_CLOEXEC)) != SOCK_DGRAM || (protocol != 0 && protocol != IPPROTO_UDP)) {
-        errno = EPROTONOSUPPORT;
-        return -1;
-    }
+    if (int err = std::exchange(world().udp_fail_socket, 0)) return fail(err);
+    if (domain != AF_INET) return fail(EAFNOSUPPORT);
+    if ((type & ~(SOCK_NONBLOCK | SOCK_CLOEXEC)) != SOCK_DGRAM || (protocol != 0 && protocol != IPPROTO_UDP))
+        return fail(EPROTONOSUPPORT);
     const int fd = sim::alloc_fd();
-    if (fd < 0) {
-        errno = EMFILE;
-        return -1;
-    }
+    if (fd < 0) return fail(EMFILE);
     world().sockets[fd] = sim::Socket{};
     return fd;
 }
 
 int vk_os_bind(int fd, const struct sockaddr *addr, socklen_t len) {
     sim::Socket *s = sim::udp_socket(fd);
-    if (!s) return -1;
-    const sockaddr_in *in = sim::inet_addr_of(addr, len);
+    const sockaddr_in *in = s ? sim::inet_addr_of(addr, len) : nullptr;
     if (!in) return -1;
-    if (int err = std::exchange(world().udp_fail_bind, 0)) {
-        errno = err;
-        return -1;
-    }
-    if (s->port != 0) {
-        errno = EINVAL;
-        return -1;
-    }
-    uint16_t port = ntohs(in->sin_port);
-    if (port != 0 && sim::udp_at_port(port)) {
-        errno = EADDRINUSE;
-        return -1;
-    }
-    s->port = port != 0 ? port : sim::next_ephemeral_port();
+    if (int err = std::exchange(world().udp_fail_bind, 0)) return fail(err);
+    if (s->port != 0) return fail(EINVAL);
+    const uint16_t port = ntohs(in->sin_port);
+    if (port != 0 && sim::udp_at_port(port)) return fail(EADDRINUSE);
+    s->port = port;  // the daemon binds its port: no ephemeral one to hand out
     return 0;
 }
 
@@ -124,10 +90,7 @@ int vk_os_bind(int fd, const struct sockaddr *addr, socklen_t len) {
 ssize_t vk_os_recvfrom(int fd, void *buf, size_t len, int, struct sockaddr *from, socklen_t *fromlen) {
     sim::Socket *s = sim::udp_socket(fd);
     if (!s) return -1;
-    if (s->input.empty()) {
-        errno = EAGAIN;
-        return -1;
-    }
+    if (s->input.empty()) return fail(EAGAIN);
     const sim::Pending p = std::move(s->input.front());
     s->input.pop_front();
     const size_t n = std::min(len, p.bytes.size());
@@ -145,11 +108,8 @@ ssize_t vk_os_recvfrom(int fd, void *buf, size_t len, int, struct sockaddr *from
 
 ssize_t vk_os_sendto(int fd, const void *buf, size_t len, int, const struct sockaddr *to, socklen_t tolen) {
     sim::Socket *s = sim::udp_socket(fd);
-    if (!s) return -1;
-    const sockaddr_in *in = sim::inet_addr_of(to, tolen);
+    const sockaddr_in *in = s ? sim::inet_addr_of(to, tolen) : nullptr;
     if (!in) return -1;
-    // An unbound socket gets a port on its first send, as in the kernel.
-    if (s->port == 0) s->port = sim::next_ephemeral_port();
     const auto *b = static_cast<const uint8_t *>(buf);
     world().udp_sent.push_back(
         sim::Datagram{world().now_us, in->sin_addr.s_addr, ntohs(in->sin_port), std::vector<uint8_t>(b, b + len)});
@@ -159,11 +119,7 @@ ssize_t vk_os_sendto(int fd, const void *buf, size_t len, int, const struct sock
 // Bursts as the kernel does them: datagram after datagram, stopping at the
 // first that fails (an error only when it is the first).
 int vk_os_sendmmsg(int fd, struct mmsghdr *msgs, unsigned int n, int flags) {
-    if (world().udp_burst_missing) {
-        errno = ENOSYS;
-        return -1;
-    }
-    int sent = 0;
+    if (world().udp_burst_missing) return fail(ENOSYS);
     for (unsigned i = 0; i < n; ++i) {
         const msghdr &h = msgs[i].msg_hdr;
         std::vector<uint8_t> bytes;
@@ -173,38 +129,24 @@ int vk_os_sendmmsg(int fd, struct mmsghdr *msgs, unsigned int n, int flags) {
         }
         const ssize_t r =
             vk_os_sendto(fd, bytes.data(), bytes.size(), flags, static_cast<const sockaddr *>(h.msg_name), h.msg_namelen);
-        if (r < 0) return sent > 0 ? sent : -1;
+        if (r < 0) return i > 0 ? int(i) : -1;
         msgs[i].msg_len = static_cast<unsigned>(r);
-        ++sent;
     }
-    return sent;
+    return int(n);
 }
 
 int vk_os_recvmmsg(int fd, struct mmsghdr *msgs, unsigned int n, int flags) {
-    if (world().udp_burst_missing) {
-        errno = ENOSYS;
-        return -1;
-    }
-    int got = 0;
+    if (world().udp_burst_missing) return fail(ENOSYS);
     for (unsigned i = 0; i < n; ++i) {
         msghdr &h = msgs[i].msg_hdr;
-        if (h.msg_iovlen != 1) {  // all the daemon uses
-            errno = EINVAL;
-            return got > 0 ? got : -1;
-        }
-        const ssize_t r = vk_os_recvfrom(fd, h.msg_iov[0].iov_base, h.msg_iov[0].iov_len, flags,
-                                         static_cast<sockaddr *>(h.msg_name), &h.msg_namelen);
-        if (r < 0) return got > 0 ? got : -1;
+        // One buffer per datagram is all the daemon uses.
+        const ssize_t r = h.msg_iovlen != 1 ? fail(EINVAL)
+                                            : vk_os_recvfrom(fd, h.msg_iov[0].iov_base, h.msg_iov[0].iov_len, flags,
+                                                             static_cast<sockaddr *>(h.msg_name), &h.msg_namelen);
+        if (r < 0) return i > 0 ? int(i) : -1;
         msgs[i].msg_len = static_cast<unsigned>(r);
-        ++got;
     }
-    return got;
+    return int(n);
 }
 
-int vk_os_close(int fd) {
-    if (!sim::close_fd(fd)) {
-        errno = EBADF;
-        return -1;
-    }
-    return 0;
-}
+int vk_os_close(int fd) { return sim::close_fd(fd) ? 0 : fail(EBADF); }

@@ -13,12 +13,8 @@ World &world() {
 void reset() { world() = World{}; }
 
 int alloc_fd() {
-    // Lowest free number, as the kernel hands them out.
-    int fd = kFirstFd;
-    for (const auto &[used, s] : world().sockets) {
-        if (used != fd) break;
-        ++fd;
-    }
+    int fd = kFirstFd;  // the lowest free number, as the kernel hands them out
+    while (world().sockets.count(fd)) ++fd;
     return fd <= kLastFd ? fd : -1;
 }
 
@@ -48,15 +44,14 @@ void uncharge(const Pending &p) {
     if (Socket *from = find_socket(p.charged_to)) from->charged -= p.charge;
 }
 
+bool has_room(const Socket &from, const std::string &peer) {
+    const Socket *to = find_socket(ipc_fd_of(peer));
+    return from.charged < kIpcSendBudget && (!to || to->input.size() <= to->queue_len);
+}
+
 bool writable(int fd) {
     const Socket *s = find_socket(fd);
-    if (!s) return false;
-    if (!s->ipc) return true;
-    if (s->charged >= kIpcSendBudget) return false;
-    if (s->peer.empty()) return true;
-    if (world().ipc_full.count(s->peer)) return false;
-    const Socket *to = find_socket(ipc_fd_of(s->peer));
-    return !to || to->input.size() <= to->queue_len;
+    return s && (!s->ipc || (!world().ipc_full.count(s->peer) && has_room(*s, s->peer)));
 }
 
 void push_input(Socket &s, Pending p) {

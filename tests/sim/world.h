@@ -1,6 +1,7 @@
 #pragma once
 // The simulated world's state, shared by the files of the simulated platform
 // only. Tests use sim.h; nothing here is part of the contract.
+#include <cerrno>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -15,10 +16,8 @@
 namespace sim {
 
 // Fake descriptors: clear of real ones a test holds, below FD_SETSIZE.
-inline constexpr int kFirstFd = 100;
-inline constexpr int kLastFd = 1023;
+inline constexpr int kFirstFd = 100, kLastFd = 1023;
 inline constexpr uint16_t kLinkPort = 6650;
-inline constexpr uint16_t kFirstEphemeralPort = 40000;
 // A Unix datagram socket's send budget (wmem_default), charged per datagram with its
 // bookkeeping until read, and net.unix.max_dgram_qlen (a receiver takes one more).
 inline constexpr std::size_t kIpcSendBudget = 212992;
@@ -41,21 +40,19 @@ struct Socket {
     uint16_t port = 0;  // UDP: bound port, 0 while unbound
     std::string path;   // IPC: endpoint path; empty for a sending socket
     std::deque<Pending> input;
-    // IPC sending socket of handle fd owner, connected to endpoint peer.
-    int owner = -1;
+    int owner = -1;     // IPC sending socket: of handle fd owner, connected to endpoint peer
     std::string peer;
     std::size_t charged = 0;  // budget used by datagrams waiting in receivers' queues
     std::size_t queue_len = kIpcDefaultQueueLen;
 };
 
 struct Timeout {
-    uint64_t expiry_us;
-    uint64_t seq;  // registration order
+    uint64_t expiry_us, seq;  // seq: registration order
     vk_eloop_timeout_handler handler;
     void *ctx1, *ctx2;
 };
 
-struct ReadSock {
+struct SockReg {
     vk_eloop_sock_handler handler;
     void *ctx1, *ctx2;
 };
@@ -66,14 +63,10 @@ struct SignalReg {
 };
 
 struct World {
-    uint64_t now_us = 0;
-    uint64_t next_seq = 0;
+    uint64_t now_us = 0, next_seq = 0, next_timeout_seq = 0;
     bool terminate = false;
-    // Kept sorted by expiry; equal expiries stay in registration order.
-    std::vector<Timeout> timeouts;
-    uint64_t next_timeout_seq = 0;
-    std::map<int, ReadSock> read_socks;
-    std::map<int, ReadSock> write_socks;
+    std::vector<Timeout> timeouts;  // by expiry, then registration order
+    std::map<int, SockReg> read_socks, write_socks;
     std::map<int, Socket> sockets;
     std::map<int, SignalReg> signals;  // null handler: ignored
     std::vector<int> raised;           // not yet handled, oldest first
@@ -81,18 +74,15 @@ struct World {
     std::vector<Datagram> udp_sent;
     int udp_fail_socket = 0, udp_fail_bind = 0;
     bool udp_burst_missing = false;
-    uint16_t next_ephemeral = kFirstEphemeralPort;
 
     std::vector<IpcSent> ipc_sent;
-    std::set<std::string> ipc_missing;
-    std::set<std::string> ipc_full;
+    std::set<std::string> ipc_missing, ipc_full;
     int ipc_fail_open = 0;
 
     std::vector<SyslogLine> syslog;
     std::optional<std::string> mac = "0013a9c0ffee";
     std::string serial = "SN-TEST-0001";
-    // Uptime at virtual time uptime_at_us; it grows with the clock from there.
-    long uptime_s = 4242;
+    long uptime_s = 4242;      // at virtual time uptime_at_us, growing with the clock
     uint64_t uptime_at_us = 0;
     bool uptime_fail = false;
     int64_t epoch_s = 1700000000;
@@ -100,16 +90,20 @@ struct World {
 
 World &world();
 
-// Lowest free fake descriptor, or -1 when all are taken.
-int alloc_fd();
+inline int fail(int err) {
+    errno = err;
+    return -1;
+}
+
+int alloc_fd();  // lowest free fake descriptor, or -1 when all are taken
 Socket *find_socket(int fd);
-// Drops the socket and its registrations; false when fd is not open.
-bool close_fd(int fd);
-// Queues input on fd, stamped with the next injection number.
-void push_input(Socket &s, Pending p);
-// Descriptor of the IPC endpoint at path, or -1.
-int ipc_fd_of(const std::string &path);
-// Whether a send on fd finds room now (its budget, an IPC receiver's queue).
+bool close_fd(int fd);  // drops the socket and its registrations; false when not open
+void push_input(Socket &s, Pending p);  // stamped with the next injection number
+int ipc_fd_of(const std::string &path);  // the IPC endpoint at path, or -1
+// Whether a send from an IPC socket to peer finds room now: the sender's budget
+// is not used up and the receiver's queue not past its length, as the kernel checks.
+bool has_room(const Socket &from, const std::string &peer);
+// Whether a send on fd finds room now: UDP always, IPC as above unless its peer is set full.
 bool writable(int fd);
 // Takes a read or dropped datagram's charge off its sender's budget.
 void uncharge(const Pending &p);
