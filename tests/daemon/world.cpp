@@ -152,9 +152,9 @@ std::vector<sim::Datagram> World::sent_with_payload_type(uint8_t ctrl_type) cons
     return out;
 }
 
-std::vector<uint64_t> World::times_of(uint8_t ctrl_type, uint64_t t0) const {
+std::vector<uint64_t> World::times_of(uint8_t ctrl_type) const {
     std::vector<uint64_t> t;
-    for (const auto &d : sent_with_payload_type(ctrl_type)) t.push_back(d.at_us - t0);
+    for (const auto &d : sent_with_payload_type(ctrl_type)) t.push_back(d.at_us);
     return t;
 }
 
