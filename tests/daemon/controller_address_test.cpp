@@ -70,15 +70,6 @@ TEST_F(ControllerAddress, SetUpTwiceWithoutCloseChangesNothing) {
     EXPECT_EQ(sim::pending_timeouts(tovrin_send_registration), 1u);
 }
 
-TEST_F(ControllerAddress, SameAddressAgainRestartsTheLink) {
-    bring_up();
-    clear_captures();
-    set_controller();
-    EXPECT_EQ(tovrin_gbl.status, 0);
-    EXPECT_EQ(sent_with_payload_type(TOVRIN_CTRL_REGISTER).size(), 1u);
-    EXPECT_EQ(sim::syslog_lines().back().text, "AP-Ctrl Tunl Status DOWN CtrlIP 198.18.0.1");
-}
-
 TEST_F(ControllerAddress, UnreadableMacOrSocketEndsTheProcess) {
     sim::node_set_mac(std::nullopt);
     EXPECT_EXIT(set_controller(), testing::ExitedWithCode(1), "");
