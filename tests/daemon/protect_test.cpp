@@ -32,8 +32,7 @@ TEST_F(Protect, PayloadLayoutsFollowTheDataLengthAndEachMessageDrawsItsIv) {
         SCOPED_TRACE(r.len);
         notify(TOVRIN_IPC_SET_ENCRYPT, word_payload(r.encrypted));
         clear_captures();
-        std::vector<uint8_t> data(r.n);
-        for (std::size_t i = 0; i < r.n; ++i) data[i] = static_cast<uint8_t>(0x30 + i);
+        const auto data = pattern(r.n);
         app_send(7, 3, 0, data);
         ASSERT_EQ(data_sent().size(), 1u);
         const auto d = data_sent()[0].bytes;
