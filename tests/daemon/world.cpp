@@ -98,8 +98,8 @@ void World::bring_up(uint32_t addr) {
     ASSERT_EQ(tovrin_gbl.status, 1);
 }
 
-void World::app_send(int32_t src, int32_t dst, uint32_t flags, const std::vector<uint8_t> &data, const char *name) {
-    notify(TOVRIN_IPC_SEND_MSG, app_payload(app_header(src, name, 77, flags, dst, data.size()), data));
+void World::app_send(int32_t src, int32_t dst, uint32_t flags, const std::vector<uint8_t> &data) {
+    notify(TOVRIN_IPC_SEND_MSG, app_payload(app_header(src, "tester", 77, flags, dst, data.size()), data));
 }
 
 void World::app_send_hdr(const tovrin_app_msg_t &h, const std::vector<uint8_t> &data) {

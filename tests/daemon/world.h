@@ -61,8 +61,7 @@ protected:
     // Controller address set and registration answered: the link is UP.
     void bring_up(uint32_t addr = kCtrl);
     // A local application message for the controller.
-    void app_send(int32_t src, int32_t dst, uint32_t flags, const std::vector<uint8_t> &data,
-                  const char *name = "tester");
+    void app_send(int32_t src, int32_t dst, uint32_t flags, const std::vector<uint8_t> &data);
     // A local application message whose header is given whole: its len may disagree with data.
     void app_send_hdr(const tovrin_app_msg_t &h, const std::vector<uint8_t> &data);
     void set_key(const std::vector<uint8_t> &key);
