@@ -65,28 +65,46 @@ TEST_F(Keepalive, ResponseCountsWhateverTheLinkState) {
     EXPECT_EQ(tovrin_gbl.ka_miss_cnt, 0u);
 }
 
+// One rate notification a row, in order: the table after it (used slots first,
+// by rate), the rate the link runs at and the line that says so, or why not.
 TEST_F(Keepalive, RateTableStaysSortedWithUsedSlotsFirst) {
-    karate(7, 3000);
-    EXPECT_EQ(table(), (Table{{7, 3000}}));
-    EXPECT_EQ(tovrin_gbl.ka_rate, 3000u);
-    karate(9, 1000);
-    karate(5, 2000);
-    EXPECT_EQ(table(), (Table{{9, 1000}, {5, 2000}, {7, 3000}}));
-    EXPECT_EQ(tovrin_gbl.ka_rate, 1000u);
-    karate(9, 4000);
-    EXPECT_EQ(table(), (Table{{5, 2000}, {7, 3000}, {9, 4000}}));
-    EXPECT_EQ(tovrin_gbl.ka_rate, 2000u);
-    karate(5, 0);
-    EXPECT_EQ(table(), (Table{{7, 3000}, {9, 4000}}));
-    EXPECT_EQ(tovrin_gbl.ka_rate, 3000u);
-    karate(8, 0);
-    EXPECT_TRUE(logged("NOTE: <<tovrin_proc_karate: No rate set for appid 8\n"));
-    EXPECT_EQ(tovrin_gbl.ka_rate, 3000u);
-    karate(7, 0);
-    karate(9, 0);
-    EXPECT_TRUE(table().empty());
-    EXPECT_EQ(tovrin_gbl.ka_rate, 5000u);
-    EXPECT_TRUE(logged("INFO: <<tovrin_proc_karate: Update keepalive rate to 5000\n"));
+    struct Row {
+        int32_t app;
+        uint32_t rate;
+        Table table;
+        uint32_t ka_rate;
+        const char *refusal = nullptr;
+    };
+    const Table three = {{7, 3000}, {9, 4000}};
+    const Row rows[] = {
+        {7, 3000, {{7, 3000}}, 3000},
+        {9, 1000, {{9, 1000}, {7, 3000}}, 1000},
+        {5, 2000, {{9, 1000}, {5, 2000}, {7, 3000}}, 1000},
+        {9, 4000, {{5, 2000}, {7, 3000}, {9, 4000}}, 2000},
+        {5, 0, three, 3000},
+        {8, 0, three, 3000, "NOTE: <<tovrin_proc_karate: No rate set for appid 8\n"},
+        {5, 99, three, 3000, "Rate 99 for appid 5 outside 100..3600000, ignored"},
+        {5, 3600001, three, 3000, "outside 100..3600000, ignored"},
+        {5, 21474837, three, 3000, "outside 100..3600000, ignored"},
+        {5, 0xffffffff, three, 3000, "outside 100..3600000, ignored"},
+        {-1, 1000, three, 3000, "NOTE: <<tovrin_proc_karate: Invalid appid -1, ignored\n"},
+        {5, 100, {{5, 100}, {7, 3000}, {9, 4000}}, 100},
+        {6, 3600000, {{5, 100}, {7, 3000}, {9, 4000}, {6, 3600000}}, 100},
+        {5, 0, {{7, 3000}, {9, 4000}, {6, 3600000}}, 3000},
+        {7, 0, {{9, 4000}, {6, 3600000}}, 4000},
+        {6, 0, {{9, 4000}}, 4000},
+        {9, 0, {}, 5000},
+    };
+    for (const Row &r : rows) {
+        SCOPED_TRACE(testing::Message() << r.app << " " << r.rate);
+        const std::size_t mark = log_mark();
+        karate(r.app, r.rate);
+        EXPECT_EQ(table(), r.table);
+        EXPECT_EQ(tovrin_gbl.ka_rate, r.ka_rate);
+        const std::string line =
+            r.refusal ? r.refusal : strf("INFO: <<tovrin_proc_karate: Update keepalive rate to %u\n", r.ka_rate);
+        EXPECT_NE(log_since(mark).find(line), std::string::npos) << log_since(mark);
+    }
     EXPECT_TRUE(logged("INFO: >>tovrin_proc_karate: Update keepalive rate app 9 to 0\n"));
 }
 
@@ -101,22 +119,6 @@ TEST_F(Keepalive, EqualRatesKeepArrivalOrderAndAFullTableRefusesMore) {
     karate(11, 500);
     EXPECT_EQ(table(), full);
     EXPECT_EQ(tovrin_gbl.ka_rate, 2000u);
-}
-
-TEST_F(Keepalive, RatesOutOfBoundsAndTheFreeMarkerAreRefused) {
-    karate(4, 3000);
-    const std::pair<int32_t, uint32_t> refused[] = {{5, 99}, {5, 3600001}, {5, 21474837}, {5, 0xffffffff}, {-1, 1000}};
-    for (auto [app, rate] : refused) {
-        SCOPED_TRACE(rate);
-        karate(app, rate);
-        EXPECT_EQ(table(), (Table{{4, 3000}}));
-        EXPECT_EQ(tovrin_gbl.ka_rate, 3000u);
-    }
-    EXPECT_EQ(log_count("outside 100..3600000, ignored"), 4);
-    EXPECT_TRUE(logged("Invalid appid -1, ignored"));
-    karate(5, 100);
-    karate(6, 3600000);
-    EXPECT_EQ(table(), (Table{{5, 100}, {4, 3000}, {6, 3600000}}));
 }
 
 TEST_F(Keepalive, ShorterRateRestartsTheTimerOnlyWhileUp) {
