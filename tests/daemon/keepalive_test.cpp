@@ -21,8 +21,6 @@ Table table() {
 using Keepalive = World;
 
 TEST_F(Keepalive, RequestIsByteExact) {
-    sim::node_set_mac("00:a0:b1:c2:d3:e4");
-    sim::node_set_serial("SERIAL");
     sim::set_uptime(77);
     bring_up();
     auto ka = sent_with_payload_type(TOVRIN_CTRL_KEEPALIVE);
@@ -30,9 +28,9 @@ TEST_F(Keepalive, RequestIsByteExact) {
     EXPECT_EQ(hex(ka[0].bytes),
               "010c0024deadfeeda0000000"
               "20000024"
-              "53455249414c00000000000000000000"
+              "534e2d544553542d3030303100000000"
               "0000004d"
-              "00a0b1c2d3e4"
+              "0013a9c0ffee"
               "0000"
               "00001388");
 }
