@@ -3,8 +3,6 @@
 // malloc of this binary passes here and one can be made to fail on demand.
 #include <cstdlib>
 
-#include <cstring>
-
 #include "core/counters.h"
 #include "core/ipc_codes.h"
 #include "world.h"
@@ -31,16 +29,9 @@ TEST_F(AllocFailure, RefusedWithItsReasonAndAFailureAnswer) {
     bring_up();
     clear_captures();
     const tovrin_counters_t was = tovrin_counters;
-    tovrin_app_msg_t h{};
-    h.src_ep = 105;
-    h.id = 5;
-    h.flags = TOVRIN_MSG_F_ACK_REQ;
-    h.dst_ep = 102;
-    h.len = 1;
-    std::vector<uint8_t> p(TOVRIN_APP_HDR_LEN);
-    std::memcpy(p.data(), &h, TOVRIN_APP_HDR_LEN);
-    p.push_back(7);
-    sim::ipc_inject(TOVRIN_IPC_SEND_MSG, VK_IPC_F_NOTIFY, p);
+    const std::vector<uint8_t> data = {7};
+    sim::ipc_inject(TOVRIN_IPC_SEND_MSG, VK_IPC_F_NOTIFY,
+                    app_payload(app_header(105, "", 5, TOVRIN_MSG_F_ACK_REQ, 102, data.size()), data));
     fail_next_block = true;
     sim::settle();
     EXPECT_FALSE(fail_next_block) << "the queue asked for its block";

@@ -1,5 +1,6 @@
-// Payload protection: AES-CBC and MD5 against published answers, the layouts
-// of both payload forms, and the IV each encrypted message draws.
+// Payload protection: the layouts of both payload forms and the IV each
+// encrypted message draws. AES-CBC and MD5 themselves are checked against the
+// openssl command line (tests/drav_sim/payload_test.cpp), on both backends.
 #include <cctype>
 #include <cstdlib>
 
@@ -8,33 +9,6 @@
 #include "world.h"
 
 namespace {
-
-TEST(Cipher, KnownAnswers) {
-    const auto iv = unhex("000102030405060708090a0b0c0d0e0f");
-    const auto pt = unhex("6bc1bee22e409f96e93d7e117393172a");
-    struct Row {
-        const char *key, *ct;  // ct empty: the key length is refused
-    };
-    const Row rows[] = {
-        {"2b7e151628aed2a6abf7158809cf4f3c", "7649abac8119b246cee98e9b12e9197d"},
-        {"8e73b0f7da0e6452c810f32b809079e562f8ead2522c6b7b", "4f021db243bc633d7178183a9fa071e8"},
-        {"603deb1015ca71be2b73aef0857d77811f352c073b6108d72d9810a30914dff4", "f58c4c04d6e5f1ba779eabfb5f7bfbd6"},
-        {"2b7e151628aed2a6abf7158809cf4f3c2b7e1516", ""},
-    };
-    for (const Row &r : rows) {
-        SCOPED_TRACE(r.key);
-        const auto key = unhex(r.key);
-        std::vector<uint8_t> ct(16), back(16);
-        const bool ok = *r.ct != '\0';
-        EXPECT_EQ(tovrin_aes_cbc(true, pt.data(), ct.data(), 16, key.data(), key.size(), iv.data()), ok);
-        EXPECT_EQ(tovrin_aes_cbc(false, ct.data(), back.data(), 16, key.data(), key.size(), iv.data()), ok);
-        EXPECT_EQ(ok ? hex(ct) : std::string(), r.ct);
-        EXPECT_TRUE(!ok || back == pt);
-    }
-    uint8_t md[16];
-    ASSERT_TRUE(tovrin_md5(reinterpret_cast<const uint8_t *>("abc"), 3, md));
-    EXPECT_EQ(hex({md, md + 16}), "900150983cd24fb0d6963f7d28e17f72");
-}
 
 using Protect = World;
 
@@ -58,8 +32,7 @@ TEST_F(Protect, PayloadLayoutsFollowTheDataLengthAndEachMessageDrawsItsIv) {
         SCOPED_TRACE(r.len);
         notify(TOVRIN_IPC_SET_ENCRYPT, word_payload(r.encrypted));
         clear_captures();
-        std::vector<uint8_t> data(r.n);
-        for (std::size_t i = 0; i < r.n; ++i) data[i] = static_cast<uint8_t>(0x30 + i);
+        const auto data = pattern(r.n);
         app_send(7, 3, 0, data);
         ASSERT_EQ(data_sent().size(), 1u);
         const auto d = data_sent()[0].bytes;

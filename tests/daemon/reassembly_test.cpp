@@ -17,8 +17,7 @@ TEST_F(Reassembly, FragmentsJoinInOrderAndAreAcknowledgedOnce) {
         for (const auto &d : sent()) s += hex(d.bytes) + " ";
         return s;
     };
-    std::vector<uint8_t> data(2488);
-    for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 13 + 1);
+    const auto data = pattern(2488);
     const auto frags = fragments(plain_payload(9, 101, data), 0x13);
     ASSERT_EQ(frags.size(), 3u);
     from_ctrl(frags[0]);

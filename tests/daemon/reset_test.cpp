@@ -30,10 +30,12 @@ struct Global {
     std::size_t size;
     std::vector<uint8_t> start;
 };
-#define TOVRIN_GLOBAL(g)     \
-    Global {                 \
-#g, &g, sizeof g, {} \
-    }
+#define TOVRIN_GLOBAL(g) (Global{#g, &g, sizeof g, {}})
+
+std::vector<uint8_t> bytes_of(const Global &g) {
+    const auto *p = static_cast<const uint8_t *>(g.at);
+    return std::vector<uint8_t>(p, p + g.size);
+}
 
 std::vector<Global> &globals() {
     static std::vector<Global> list = {
@@ -48,10 +50,7 @@ std::vector<Global> &globals() {
 
 // Taken before main() runs: the globals' bytes in a fresh process.
 const bool kStartTaken = [] {
-    for (Global &g : globals()) {
-        const auto *p = static_cast<const uint8_t *>(g.at);
-        g.start.assign(p, p + g.size);
-    }
+    for (Global &g : globals()) g.start = bytes_of(g);
     return true;
 }();
 
@@ -123,11 +122,6 @@ std::set<std::string> data_symbols() {
     }
     EXPECT_EQ(pclose(p), 0) << cmd;
     return out;
-}
-
-std::vector<uint8_t> bytes_of(const Global &g) {
-    const auto *p = static_cast<const uint8_t *>(g.at);
-    return std::vector<uint8_t>(p, p + g.size);
 }
 
 using Reset = World;

@@ -29,8 +29,7 @@ TEST_P(SendQueueBursts, FragmentsGoOutAndAreResentWholeUntilTheLinkFalls) {
     from_ctrl(frame(0x24, 0, 0x5a, 0, plain_payload(7, 101, {1})));  // its number goes in our headers
     clear_captures();
     const uint64_t t0 = sim::now_us();
-    std::vector<uint8_t> data(2988);
-    for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7);
+    const auto data = pattern(2988);
     app_send(101, 0x0a0b0c0d, TOVRIN_MSG_F_ACK_REQ, data);
     std::vector<uint8_t> joined;
     for (const auto &d : data_sent()) joined.insert(joined.end(), d.bytes.begin() + 12, d.bytes.end());

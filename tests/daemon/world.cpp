@@ -98,8 +98,8 @@ void World::bring_up(uint32_t addr) {
     ASSERT_EQ(tovrin_gbl.status, 1);
 }
 
-void World::app_send(int32_t src, int32_t dst, uint32_t flags, const std::vector<uint8_t> &data, const char *name) {
-    notify(TOVRIN_IPC_SEND_MSG, app_payload(app_header(src, name, 77, flags, dst, data.size()), data));
+void World::app_send(int32_t src, int32_t dst, uint32_t flags, const std::vector<uint8_t> &data) {
+    notify(TOVRIN_IPC_SEND_MSG, app_payload(app_header(src, "tester", 77, flags, dst, data.size()), data));
 }
 
 void World::app_send_hdr(const tovrin_app_msg_t &h, const std::vector<uint8_t> &data) {
@@ -152,9 +152,9 @@ std::vector<sim::Datagram> World::sent_with_payload_type(uint8_t ctrl_type) cons
     return out;
 }
 
-std::vector<uint64_t> World::times_of(uint8_t ctrl_type, uint64_t t0) const {
+std::vector<uint64_t> World::times_of(uint8_t ctrl_type) const {
     std::vector<uint64_t> t;
-    for (const auto &d : sent_with_payload_type(ctrl_type)) t.push_back(d.at_us - t0);
+    for (const auto &d : sent_with_payload_type(ctrl_type)) t.push_back(d.at_us);
     return t;
 }
 

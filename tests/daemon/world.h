@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,12 @@ inline const uint32_t kOther = inet_addr("198.18.0.9");
 
 inline constexpr uint64_t kSec = 1000000;
 inline constexpr uint64_t kMs = 1000;
+// Whole seconds as virtual times.
+inline std::vector<uint64_t> secs(std::initializer_list<uint64_t> s) {
+    std::vector<uint64_t> v;
+    for (uint64_t x : s) v.push_back(x * kSec);
+    return v;
+}
 
 // printf into a string, for expected log lines.
 std::string strf(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
@@ -54,8 +61,7 @@ protected:
     // Controller address set and registration answered: the link is UP.
     void bring_up(uint32_t addr = kCtrl);
     // A local application message for the controller.
-    void app_send(int32_t src, int32_t dst, uint32_t flags, const std::vector<uint8_t> &data,
-                  const char *name = "tester");
+    void app_send(int32_t src, int32_t dst, uint32_t flags, const std::vector<uint8_t> &data);
     // A local application message whose header is given whole: its len may disagree with data.
     void app_send_hdr(const tovrin_app_msg_t &h, const std::vector<uint8_t> &data);
     void set_key(const std::vector<uint8_t> &key);
@@ -72,8 +78,8 @@ protected:
     // Datagrams sent since the last clear.
     std::vector<sim::Datagram> sent() const { return sim::udp_sent(); }
     std::vector<sim::Datagram> sent_with_payload_type(uint8_t ctrl_type) const;
-    // Virtual times (relative to t0) of the sent datagrams whose control type is ctrl_type.
-    std::vector<uint64_t> times_of(uint8_t ctrl_type, uint64_t t0 = 0) const;
+    // Virtual times of the sent datagrams whose control type is ctrl_type.
+    std::vector<uint64_t> times_of(uint8_t ctrl_type) const;
     // Application messages the daemon sent over IPC, decoded.
     std::vector<AppSeen> app_msgs() const;
     std::vector<AppSeen> app_msgs_to(const std::string &peer) const;
