@@ -3,6 +3,7 @@
 // order once it reads again; other endpoints are not held up; a stuck endpoint
 // costs bounded memory and every message given up is logged. An endpoint that
 // stops reading with a long queue of its own is left to the end-to-end tests.
+#include "core/counters.h"
 #include "relay/app_msg.h"
 #include "relay/backlog.h"
 #include "world.h"
@@ -73,21 +74,34 @@ TEST_F(BusyEndpoint, MessagesWaitInOrderAndArriveOnceTheEndpointReads) {
 
 TEST_F(BusyEndpoint, AStuckEndpointIsGivenUpAfterTwoSecondsWithANote) {
     sim::ipc_set_full(kPrindal, true);
+    sim::ipc_set_full(kGelvar, true);
     deliver(105, 7);
     run_answering(500 * kMs);
     deliver(105, 8);  // waits behind the first, for less time itself
     deliver(101, 9);
-    EXPECT_EQ(arrived(kGelvar), std::vector<uint8_t>{9});
+    tovrin_counters_t c;
+    tovrin_counters_read(&c);
+    EXPECT_EQ(c.backlog_depth_by_ep[0], 1u);  // 101, first in the endpoint table
+    EXPECT_EQ(c.backlog_depth_by_ep[2], 2u);  // 105, third
+    sim::ipc_set_full(kGelvar, false);
     run_answering(TOVRIN_BACKLOG_STUCK_US - 500 * kMs - 1);
+    EXPECT_EQ(arrived(kGelvar), std::vector<uint8_t>{9});
     EXPECT_EQ(tovrin_backlog_count(), 2u);
     // It has taken nothing for two seconds: the endpoint is stuck, and
-    // everything waiting for it goes, each with a note.
+    // everything waiting for it goes, each with a note, and counts as given up.
     run_answering(1);
     EXPECT_EQ(tovrin_backlog_count(), 0u);
     EXPECT_EQ(log_count(strf("NOTE: tovrin_backlog: IPC msg type %u of %u bytes for /vk/ipc/prindal "
                              "dropped, endpoint busy for 2 s\n",
                              TOVRIN_IPC_APP_MSG, static_cast<unsigned>(TOVRIN_APP_HDR_LEN + 8))),
               2);
+    tovrin_counters_read(&c);
+    EXPECT_EQ(c.down_messages_delivered, 1u);
+    EXPECT_EQ(c.down_messages_dropped, 2u);
+    EXPECT_EQ(c.backlog_dropped, 2u);
+    EXPECT_EQ(c.backlog_dropped_by_ep[0], 0u);
+    EXPECT_EQ(c.backlog_dropped_by_ep[2], 2u);
+    EXPECT_EQ(c.refused[TOVRIN_REFUSED_DELIVERY_ENDPOINT_STUCK], 2u);
     sim::ipc_set_full(kPrindal, false);
     run_answering(kSec);
     EXPECT_TRUE(arrived(kPrindal).empty());

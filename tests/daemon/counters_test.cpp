@@ -264,33 +264,6 @@ TEST_F(Counters, ExplainEveryMessageNotDeliveredAtTheFirstTry) {
     EXPECT_EQ(asked().seconds_in_state, 2u);
 }
 
-// Messages waiting for a busy endpoint show per endpoint, and so do those
-// given up; delivered counts what finally went out.
-TEST_F(Counters, WaitingRoomPerEndpoint) {
-    bring_up();
-    sim::ipc_set_full("/vk/ipc/hostun", true);
-    sim::ipc_set_full("/vk/ipc/gelvar", true);
-    from_ctrl(good(0x30, 102));
-    from_ctrl(good(0x31, 102));
-    from_ctrl(good(0x32, 101));
-    tovrin_counters_t c = asked();
-    EXPECT_EQ(c.backlog_depth, 3u);
-    EXPECT_EQ(c.backlog_depth_by_ep[0], 1u);  // 101, first in the endpoint table
-    EXPECT_EQ(c.backlog_depth_by_ep[1], 2u);  // 102
-    EXPECT_EQ(c.down_messages_delivered, 0u);
-
-    sim::ipc_set_full("/vk/ipc/gelvar", false);
-    run_answering(2500 * kMs);
-    c = asked();
-    EXPECT_EQ(c.backlog_depth, 0u);
-    EXPECT_EQ(c.down_messages_delivered, 1u);
-    EXPECT_EQ(c.down_messages_dropped, 2u);
-    EXPECT_EQ(c.backlog_dropped, 2u);
-    EXPECT_EQ(c.backlog_dropped_by_ep[1], 2u);
-    EXPECT_EQ(c.backlog_dropped_by_ep[0], 0u);
-    EXPECT_EQ(c.refused[TOVRIN_REFUSED_DELIVERY_ENDPOINT_STUCK], 2u);
-}
-
 // SIGUSR1 writes the counters as one INFO line; SIGHUP reopens the log file
 // after it was moved away; SIGUSR2 and SIGPIPE change nothing.
 TEST_F(Counters, SignalsFromAnOperator) {
