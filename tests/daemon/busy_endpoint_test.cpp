@@ -179,21 +179,6 @@ TEST_F(BusyEndpoint, AWithheldAcknowledgementLeavesTheReassemblyStateTruthful) {
     EXPECT_EQ(got[0].data, std::vector<uint8_t>{0x22});
 }
 
-TEST_F(BusyEndpoint, AnswersToLocalSendersBeyondTheBoundAreDroppedWithANote) {
-    // Endpoint 105 sends many messages asking for their outcome and reads nothing.
-    sim::ipc_set_full(kPrindal, true);
-    for (std::size_t i = 0; i < TOVRIN_BACKLOG_MAX_MSGS + 3; ++i) {
-        app_send(105, 200, TOVRIN_MSG_F_ACK_REQ, {static_cast<uint8_t>(i)});
-        // The controller acknowledges each as it comes.
-        const auto d = data_sent();
-        ASSERT_FALSE(d.empty());
-        from_ctrl(ack_for(d.back().bytes[11]));
-        clear_captures();
-    }
-    EXPECT_EQ(tovrin_backlog_count(), TOVRIN_BACKLOG_MAX_MSGS);
-    EXPECT_EQ(log_count("for /vk/ipc/prindal dropped, too many waiting\n"), 3);
-}
-
 TEST_F(BusyEndpoint, AnEndpointThatGoesAwayWhileItsMessagesWaitLosesThemWithANote) {
     sim::ipc_set_full(kPrindal, true);
     deliver(105, 1);

@@ -197,12 +197,6 @@ TEST_F(IpcCommands, LogConfigurationRoundTripsThroughIpc) {
     notify(TOVRIN_IPC_SET_LOG_CFG, cfg);
     EXPECT_EQ(vk_log_conf_data[VK_LOG_W_LEVEL], 1);
     EXPECT_EQ(vk_log_conf_data[VK_LOG_W_MAXSIZE], 4096);
-    // At level 1 the debug lines stop and notes go on.
-    std::string before = log_text();
-    notify(TOVRIN_IPC_SET_ENCRYPT, word_payload(3));
-    EXPECT_EQ(log_text(), before);
-    request(77, {});
-    EXPECT_TRUE(logged("Not expecting message 77 type Request/Response"));
 }
 
 TEST_F(IpcCommands, ConfigurationUpdatePrintsItsLineWhateverTheLevel) {
