@@ -39,11 +39,10 @@ protected:
         request(TOVRIN_IPC_GET_STATS, {});
         tovrin_counters_t c{};
         const auto &sent = sim::ipc_sent();
-        EXPECT_EQ(sent.size(), 1u);
-        if (sent.size() != 1) return c;
-        EXPECT_EQ(sent[0].type, TOVRIN_IPC_GET_STATS);
-        EXPECT_EQ(sent[0].payload.size(), sizeof c);
-        if (sent[0].payload.size() == sizeof c) std::memcpy(&c, sent[0].payload.data(), sizeof c);
+        if (sent.size() == 1 && sent[0].payload.size() == sizeof c)
+            std::memcpy(&c, sent[0].payload.data(), sizeof c);
+        else
+            ADD_FAILURE() << "no record of " << sizeof c << " bytes in answer";
         return c;
     }
 };

@@ -19,6 +19,7 @@ protected:
 
 // The sender gets its header back if it asked (0x100, 0x200 for a response): once the
 // controller acknowledged the message, or at once, marked failed, while the link is down.
+// The answer goes to the endpoint of src_ep, not to the IPC sender (/vk/ipc/test).
 TEST_F(Relay, SenderGetsItsHeaderBackIfItAsked) {
     struct Row {
         bool up;
@@ -58,16 +59,6 @@ TEST_F(Relay, SenderGetsItsHeaderBackIfItAsked) {
         EXPECT_EQ(a[0].hdr.dst_ep, 5);
         EXPECT_STREQ(a[0].hdr.src_name, "tester");
     }
-}
-
-TEST_F(Relay, AnswerGoesToTheEndpointOfSrcEpNotToTheIpcSender) {
-    bring_up();
-    const auto h = app_header(106, "tester", 4242, TOVRIN_MSG_F_ACK_REQ, 5, 1);
-    notify(TOVRIN_IPC_SEND_MSG, app_payload(h, {0x31}), "/vk/ipc/somewhere");
-    from_ctrl(ack_for(data_sent().at(0).bytes[11]));
-    const auto a = answers();
-    ASSERT_EQ(a.size(), 1u);
-    EXPECT_EQ(a[0].peer, "/vk/ipc/quelon");
 }
 
 // Every endpoint id to its path; 103 and 104 are gaps in the table, 100 and 110 just
