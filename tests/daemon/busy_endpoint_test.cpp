@@ -81,6 +81,7 @@ TEST_F(BusyEndpoint, AStuckEndpointIsGivenUpAfterTwoSecondsWithANote) {
     deliver(101, 9);
     tovrin_counters_t c;
     tovrin_counters_read(&c);
+    EXPECT_EQ(c.backlog_depth, 3u);
     EXPECT_EQ(c.backlog_depth_by_ep[0], 1u);  // 101, first in the endpoint table
     EXPECT_EQ(c.backlog_depth_by_ep[2], 2u);  // 105, third
     sim::ipc_set_full(kGelvar, false);
