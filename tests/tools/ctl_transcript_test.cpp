@@ -1,5 +1,5 @@
 // Replays tovrinctl.transcript against the tovrinctl binary. The runner plays
-// the daemon's endpoint: it records what arrives, answers the requests it has
+// the daemon's endpoint: it notes what arrives, answers the requests it has
 // answers for, and answers application messages that ask for their outcome at
 // their src_ep's path, as the daemon does.
 #include <gtest/gtest.h>
@@ -9,21 +9,18 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <bit>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iomanip>
 #include <map>
 #include <memory>
-#include <set>
 #include <sstream>
 
 #include "core/ipc_codes.h"
 #include "platform/ipc.h"
 #include "relay/app_msg.h"
 #include "relay/endpoint_table.h"
-#include "tests/emulator.h"
 #include "tovrin_version.h"
 
 namespace {
@@ -31,35 +28,42 @@ namespace {
 using bytes_t = std::vector<uint8_t>;
 using namespace std::chrono_literals;
 
-// Byte notation: hex, w:N (host-order 32-bit word), q:N (64-bit), t:TEXT; any
-// token may end in *N to repeat it.
+// WORD*N is WORD N times over, in command words and in bytes alike.
+std::string repeated(const std::string &word) {
+    const std::size_t star = word.rfind('*');
+    if (star == std::string::npos) return word;
+    std::string r;
+    for (int n = std::stoi(word.substr(star + 1)); n > 0; --n) r += word.substr(0, star);
+    return r;
+}
+
+// Bytes: hex, w:N (32-bit, host order), q:N (64-bit) or t:TEXT, each may end in *N.
 bytes_t parse_bytes(std::istream &in) {
-    bytes_t out, one;
+    bytes_t out;
     for (std::string tok; in >> tok;) {
-        std::size_t times = 1;
-        if (const auto star = tok.rfind('*'); star != std::string::npos) {
-            times = std::stoul(tok.substr(star + 1));
-            tok.resize(star);
+        const std::size_t star = tok.rfind('*');
+        const std::string one = tok.substr(0, star);
+        bytes_t b;
+        if (one.starts_with("t:")) {
+            b.assign(one.begin() + 2, one.end());
+        } else if (one.starts_with("w:") || one.starts_with("q:")) {
+            const uint64_t q = uint64_t(std::stoll(one.substr(2), nullptr, 0));
+            const uint32_t w = uint32_t(q);
+            const auto *p = one[0] == 'w' ? reinterpret_cast<const uint8_t *>(&w) : reinterpret_cast<const uint8_t *>(&q);
+            b.assign(p, p + (one[0] == 'w' ? 4 : 8));
+        } else {
+            for (std::size_t i = 0; i + 1 < one.size(); i += 2) b.push_back(uint8_t(std::stoul(one.substr(i, 2), nullptr, 16)));
         }
-        auto word = [&](uint64_t v, std::size_t n) {
-            const auto *p = reinterpret_cast<const uint8_t *>(&v) + (n == 4 && std::endian::native == std::endian::big ? 4 : 0);
-            one.assign(p, p + n);
-        };
-        one.clear();
-        if (tok.starts_with("w:")) word(uint32_t(std::stoll(tok.substr(2), nullptr, 0)), 4);
-        else if (tok.starts_with("q:")) word(std::stoull(tok.substr(2), nullptr, 0), 8);
-        else if (tok.starts_with("t:")) one.assign(tok.begin() + 2, tok.end());
-        else
-            for (std::size_t i = 0; i + 1 < tok.size(); i += 2) one.push_back(uint8_t(std::stoul(tok.substr(i, 2), nullptr, 16)));
-        while (times--) out.insert(out.end(), one.begin(), one.end());
+        for (int n = star == std::string::npos ? 1 : std::stoi(tok.substr(star + 1)); n > 0; --n)
+            out.insert(out.end(), b.begin(), b.end());
     }
     return out;
 }
 
 std::string hex(const uint8_t *b, std::size_t n) {
-    std::string s;
-    for (std::size_t i = 0; i < n; ++i) s += "0123456789abcdef"[b[i] >> 4], s += "0123456789abcdef"[b[i] & 15];
-    return s;
+    std::ostringstream s;
+    for (std::size_t i = 0; i < n; ++i) s << std::hex << std::setw(2) << std::setfill('0') << int(b[i]);
+    return s.str();
 }
 
 struct endpoint {
@@ -83,7 +87,7 @@ struct daemon_t {
     std::string path;
     std::unique_ptr<endpoint> ep;
     std::map<uint32_t, bytes_t> answers;  // responses to requests by code
-    std::string outcome;                  // to --ack: delivered, failed, wrong_kind or none
+    std::string outcome;                  // to --ack: delivered (when empty), failed, wrong_kind or none
 };
 
 // Takes one message off the daemon's socket, notes it and answers it; false when none waits.
@@ -121,15 +125,21 @@ bool serve(daemon_t &d, std::vector<std::string> &got) {
     return true;
 }
 
-// One command line: what the runner sets up for it and what must come of it.
+// One command line: what the runner does meanwhile and what must come of it.
 struct ctl_case {
     int line = 0;
-    std::vector<std::string> args, holds, expected;
-    std::vector<std::pair<std::string, bytes_t>> delivers;  // to a listener, one line of output awaited each
-    int signal = 0;
+    std::vector<std::string> args, expected;
+    std::vector<std::pair<std::string, bytes_t>> delivers;  // from the daemon, each once the line before is out
+    int signal = 0;                                         // once every delivered message is printed
 };
 
-// Long outputs are pinned by their line count and FNV-1a digest.
+std::string slurp(const std::string &file) {
+    std::ostringstream s;
+    s << std::ifstream(file).rdbuf();
+    return s.str();
+}
+
+// Long outputs are pinned by their line count and FNV-1a hash.
 std::string digest(const std::string &s) {
     uint64_t h = 0xcbf29ce484222325;
     for (unsigned char c : s) h = (h ^ c) * 0x100000001b3;
@@ -138,60 +148,60 @@ std::string digest(const std::string &s) {
     return d.str();
 }
 
-// Runs the case; what came of it, in the transcript's own lines.
-std::vector<std::string> run(const ctl_case &c, daemon_t *d) {
-    int out[2], err[2];
-    if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) return {"pipe failed"};
-    const std::vector<std::string> cmd = emulator::command(TOVRINCTL_BIN, c.args);
+// Runs the case with its output in files under root; what came of it, in the transcript's own lines.
+std::vector<std::string> run(const ctl_case &c, daemon_t &d, const std::string &root) {
+    // Cross builds run the binary through the emulator named in $TOVRIN_TEST_EMULATOR.
+    std::vector<std::string> cmd;
+    const char *emulator = std::getenv("TOVRIN_TEST_EMULATOR");
+    std::istringstream words(emulator ? emulator : "");
+    for (std::string w; words >> w;) cmd.push_back(w);
+    cmd.push_back(TOVRINCTL_BIN);
+    cmd.insert(cmd.end(), c.args.begin(), c.args.end());
+    std::vector<char *> argv;
+    for (std::string &a : cmd) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    const std::string out = root + "/stdout", err = root + "/stderr";
+    const int fd[2] = {::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600),
+                       ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)};
     const pid_t pid = ::fork();
     if (pid == 0) {
-        ::dup2(out[1], 1);
-        ::dup2(err[1], 2);
-        emulator::exec(cmd);
+        ::dup2(fd[0], 1);
+        ::dup2(fd[1], 2);
+        ::execvp(argv[0], argv.data());
         ::_exit(127);
     }
-    ::close(out[1]);
-    ::close(err[1]);
-    std::string text[2];
-    std::vector<std::string> sent;
-    std::unique_ptr<endpoint> from(c.delivers.empty() ? nullptr : new endpoint("/vk/ipc/sender"));
+    ::close(fd[0]);
+    ::close(fd[1]);
+    std::vector<std::string> got, sent;
     std::size_t delivered = 0;
     bool signalled = false;
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while ((out[0] >= 0 || err[0] >= 0) && std::chrono::steady_clock::now() < deadline) {
-        const auto lines = std::size_t(std::count(text[0].begin(), text[0].end(), '\n'));
-        // Each line must be out before the next message: a pipe reader sees it at once.
+    int ws = 0;
+    for (const auto deadline = std::chrono::steady_clock::now() + 10s; ::waitpid(pid, &ws, WNOHANG) == 0;) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, &ws, 0);
+            break;
+        }
+        // Each line must be out before the next message: a reader sees it at once.
         // A send is retried while tovrinctl is still binding its endpoint.
+        const std::string text = slurp(out);
+        const auto lines = std::size_t(std::count(text.begin(), text.end(), '\n'));
         if (delivered < c.delivers.size() && lines == delivered) {
             const auto &[path, b] = c.delivers[delivered];
-            delivered += from->send(path.c_str(), TOVRIN_IPC_APP_MSG, VK_IPC_F_NOTIFY, b.data(), b.size()) == 0;
+            delivered += d.ep->send(path.c_str(), TOVRIN_IPC_APP_MSG, VK_IPC_F_NOTIFY, b.data(), b.size()) == 0;
         } else if (c.signal && !signalled && lines == c.delivers.size()) {
             signalled = ::kill(pid, c.signal) == 0;
         }
-        pollfd p[3] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}, {d ? d->ep->h.sock : -1, POLLIN, 0}};
-        ::poll(p, 3, 10);
-        for (int i = 0; i < 2; ++i) {
-            char b[4096];
-            const ssize_t n = p[i].revents ? ::read(p[i].fd, b, sizeof b) : 1;
-            if (n <= 0) ::close(std::exchange(i ? err[0] : out[0], -1));
-            if (n > 0 && p[i].revents) text[i].append(b, std::size_t(n));
-        }
-        if (p[2].revents) serve(*d, sent);
+        pollfd p{d.ep ? d.ep->h.sock : -1, POLLIN, 0};
+        if (::poll(&p, 1, 10) > 0) serve(d, sent);
     }
-    while (d && serve(*d, sent)) {
+    while (d.ep && serve(d, sent)) {
     }
-    int ws = 0;
-    if (::waitpid(pid, &ws, WNOHANG) == 0) {
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, &ws, 0);
-    }
-    for (int fd : {out[0], err[0]})
-        if (fd >= 0) ::close(fd);
-    std::vector<std::string> got;
+    const std::string text = slurp(out);
     const bool digested = !c.expected.empty() && c.expected[0].starts_with("digest ");
-    std::istringstream os(digested ? digest(text[0]) + "\n" : text[0]), es(text[1]);
-    for (std::string l; std::getline(os, l);) got.push_back(digested ? l : l.empty() ? ">" : "> " + l);
-    if (digested && got[0] != c.expected[0]) got.push_back("the output was:\n" + text[0]);
+    std::istringstream os(digested ? digest(text) : text), es(slurp(err));
+    for (std::string l; std::getline(os, l);) got.push_back(digested ? l : "> " + l);
+    if (digested && got[0] != c.expected[0]) got.push_back("the output was:\n" + text);
     for (std::string l; std::getline(es, l);) got.push_back("! " + l);
     if (!WIFEXITED(ws) || WEXITSTATUS(ws)) got.push_back("= " + std::to_string(WIFEXITED(ws) ? WEXITSTATUS(ws) : -1));
     got.insert(got.end(), sent.begin(), sent.end());
@@ -212,25 +222,17 @@ TEST(Tovrinctl, Transcript) {
     std::ifstream in(TOVRINCTL_TRANSCRIPT);
     ASSERT_TRUE(in) << TOVRINCTL_TRANSCRIPT;
     daemon_t daemon;
-    ctl_case next;
-    std::optional<ctl_case> pending;
+    std::optional<ctl_case> c;
     auto finish = [&] {
-        if (!pending) return;
-        std::vector<std::unique_ptr<endpoint>> held;
-        std::set<std::string> bound, expected;
-        for (const std::string &p : pending->holds) {
-            held.push_back(std::make_unique<endpoint>(p));
-            expected.insert(std::filesystem::path(p).filename());
-        }
-        std::string shown = "line " + std::to_string(pending->line) + ":";
-        for (const std::string &a : pending->args) shown += " " + a.substr(0, 40);
-        EXPECT_EQ(run(*pending, daemon.ep ? &daemon : nullptr), pending->expected) << shown;
-        // Nothing left behind: only the daemon's and the held endpoints are bound.
+        if (!c) return;
+        EXPECT_EQ(run(*c, daemon, root), c->expected) << "line " << c->line;
+        // Nothing left behind: only the daemon's endpoint is bound.
+        std::vector<std::string> bound, expected;
         std::error_code ec;
-        for (const auto &e : std::filesystem::directory_iterator(root + "/vk/ipc", ec)) bound.insert(e.path().filename());
-        if (daemon.ep) expected.insert(std::filesystem::path(daemon.path).filename());
-        EXPECT_EQ(bound, expected) << shown;
-        pending.reset();
+        for (const auto &e : std::filesystem::directory_iterator(root + "/vk/ipc", ec)) bound.push_back(e.path());
+        if (daemon.ep) expected.push_back(root + daemon.path);
+        EXPECT_EQ(bound, expected) << "line " << c->line;
+        c.reset();
     };
     int n = 0;
     for (std::string line; std::getline(in, line);) {
@@ -239,47 +241,36 @@ TEST(Tovrinctl, Transcript) {
         std::istringstream w(line);
         std::string op, arg;
         w >> op >> arg;
-        if (op == ">" || op == "!" || op == "=" || op == "digest") {
-            ASSERT_TRUE(pending) << "line " << n;
-            pending->expected.push_back(expand(line, root));
-            continue;
-        }
-        if (op == "sent") {  // its bytes as plain hex, as serve() notes them
-            ASSERT_TRUE(pending) << "line " << n;
-            std::string flags, from;
-            w >> flags >> from;
-            const bytes_t b = parse_bytes(w);
-            pending->expected.push_back("sent " + arg + " " + flags + " " + from + (b.empty() ? "" : " " + hex(b.data(), b.size())));
+        if (op == ">" || op == "!" || op == "=" || op == "digest" || op == "sent" || op == "deliver" || op == "signal") {
+            ASSERT_TRUE(c) << "line " << n << ": no command before it";
+            if (op == "sent") {  // the bytes as plain hex, as serve() notes them
+                std::string flags, from;
+                w >> flags >> from;
+                const bytes_t b = parse_bytes(w);
+                c->expected.push_back("sent " + arg + " " + flags + " " + from + (b.empty() ? "" : " " + hex(b.data(), b.size())));
+            } else if (op == "deliver") {
+                c->delivers.emplace_back(arg, parse_bytes(w));
+            } else if (op == "signal") {
+                c->signal = arg == "INT" ? SIGINT : SIGTERM;
+            } else {
+                c->expected.push_back(expand(line, root));
+            }
             continue;
         }
         finish();
         if (op == "$" || op == "?") {
-            const std::size_t bar = op == "?" ? line.find(" | ", 1) : std::string::npos;
+            const std::size_t bar = op == "?" ? line.find(" | ") : std::string::npos;
             std::istringstream words(line.substr(1, bar == std::string::npos ? bar : bar - 1));
-            for (std::string s; words >> s;) {
-                if (const std::size_t star = s.rfind('*'); star != std::string::npos) {
-                    std::string r;
-                    for (int i = std::stoi(s.substr(star + 1)); i > 0; --i) r += s.substr(0, star);
-                    s = r;
-                }
-                next.args.push_back(s == "''" ? "" : expand(s, root));
-            }
+            c.emplace().line = n;
+            for (std::string s; words >> s;) c->args.push_back(s == "''" ? "" : expand(repeated(s), root));
             if (bar != std::string::npos)
-                next.expected = {"! tovrinctl: " + line.substr(bar + 3), "! Try 'tovrinctl --help'.", "= 2"};
-            next.line = n;
-            pending = std::exchange(next, {});
+                c->expected = {"! tovrinctl: " + line.substr(bar + 3), "! Try 'tovrinctl --help'.", "= 2"};
         } else if (op == "daemon") {
-            daemon = {arg, arg == "none" ? nullptr : std::make_unique<endpoint>(arg), {}, "delivered"};
+            daemon = {};  // the old endpoint goes first: the new one may take its path
+            daemon = {arg, std::make_unique<endpoint>(arg), {}, {}};
+            w >> daemon.outcome;
         } else if (op == "answer") {
             daemon.answers[uint32_t(std::stoul(arg))] = parse_bytes(w);
-        } else if (op == "outcome") {
-            daemon.outcome = arg;
-        } else if (op == "hold") {
-            next.holds.push_back(arg);
-        } else if (op == "deliver") {
-            next.delivers.emplace_back(arg, parse_bytes(w));
-        } else if (op == "signal") {
-            next.signal = arg == "INT" ? SIGINT : SIGTERM;
         } else if (op == "file") {
             const bytes_t b = parse_bytes(w);
             std::ofstream(root + "/" + arg, std::ios::binary).write(reinterpret_cast<const char *>(b.data()), long(b.size()));
