@@ -8,18 +8,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cinttypes>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iomanip>
 #include <map>
 #include <memory>
 #include <sstream>
 
-#include "core/ipc_codes.h"
 #include "platform/ipc.h"
 #include "relay/app_msg.h"
-#include "relay/endpoint_table.h"
 #include "tovrin_version.h"
 
 namespace {
@@ -54,18 +52,21 @@ bytes_t parse_bytes(std::istream &in) {
     return out;
 }
 
-std::string hex(const uint8_t *b, std::size_t n) {
-    std::ostringstream s;
-    for (std::size_t i = 0; i < n; ++i) s << std::hex << std::setw(2) << std::setfill('0') << int(b[i]);
-    return s.str();
+// The bytes as plain hex after a space, as sent lines show them; none for none.
+std::string hex(const bytes_t &b) {
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string s = b.empty() ? "" : " ";
+    for (uint8_t byte : b) s.append({digits[byte >> 4], digits[byte & 15]});
+    return s;
 }
 
-struct endpoint {
-    explicit endpoint(const std::string &path) {
+// The stand-in daemon: its endpoint, and its responses to requests by code.
+struct daemon_t {
+    explicit daemon_t(const std::string &path) {
         std::snprintf(h.path, sizeof h.path, "%s", path.c_str());
         vk_ipc_open(&h);
     }
-    ~endpoint() { vk_ipc_close(&h); }
+    ~daemon_t() { vk_ipc_close(&h); }
     int send(const char *peer, uint32_t type, uint32_t flags, const void *p, std::size_t n) {
         auto m = std::make_unique<vk_ipc_msg_t>();
         *m = {type, uint32_t(n), flags, {}};
@@ -75,12 +76,7 @@ struct endpoint {
         return flags & VK_IPC_F_RESPONSE ? vk_ipc_resp_large(&d) : vk_ipc_send_large(&d);
     }
     vk_ipc_handle_t h{};
-};
-
-struct daemon_t {
-    std::string path;
-    std::unique_ptr<endpoint> ep;
-    std::map<uint32_t, bytes_t> answers;  // responses to requests by code
+    std::map<uint32_t, bytes_t> answers;
 };
 
 // Takes one message off the daemon's socket, notes it and answers it; false when none waits.
@@ -88,16 +84,16 @@ bool serve(daemon_t &d, std::vector<std::string> &got) {
     auto m = std::make_unique<vk_ipc_msg_t>();
     fd_set set;
     FD_ZERO(&set);
-    FD_SET(d.ep->h.sock, &set);
-    vk_ipc_recv_desc_t rec{&d.ep->h, m.get(), {}};
+    FD_SET(d.h.sock, &set);
+    vk_ipc_recv_desc_t rec{&d.h, m.get(), {}};
     uint8_t received = 0;
     if (vk_ipc_recv_large(&set, &rec, &received) != 0 || !received) return false;
     // tovrinctl's temporary endpoint is "tmp"; others by their path.
     const std::string from = std::string_view(rec.sender).starts_with("/vk/ipc/tovrinctl-") ? "tmp" : rec.sender;
     got.push_back("sent " + std::to_string(m->type) + " " + std::to_string(m->flags) + " " + from +
-                  (m->len ? " " + hex(m->payload, m->len) : ""));
+                  hex(bytes_t(m->payload, m->payload + m->len)));
     if (auto it = d.answers.find(m->type); it != d.answers.end() && (m->flags & VK_IPC_F_REQUEST))
-        d.ep->send(rec.sender, m->type, VK_IPC_F_RESPONSE, it->second.data(), it->second.size());
+        d.send(rec.sender, m->type, VK_IPC_F_RESPONSE, it->second.data(), it->second.size());
     return true;
 }
 
@@ -116,18 +112,15 @@ struct ctl_case {
 };
 
 std::string slurp(const std::string &file) {
-    std::ostringstream s;
-    s << std::ifstream(file).rdbuf();
-    return s.str();
+    std::ifstream f(file);
+    return {std::istreambuf_iterator<char>(f), {}};
 }
 
 // Runs the case, its output in files under root; what came of it, in the transcript's own lines.
-std::vector<std::string> run(const ctl_case &c, daemon_t &d, const std::string &root) {
+std::vector<std::string> run(const ctl_case &c, daemon_t *d, const std::string &root) {
     // Through the emulator of a cross build, named in $TOVRIN_TEST_EMULATOR (empty otherwise).
-    std::vector<std::string> cmd = {"/bin/sh", "-c", "exec $TOVRIN_TEST_EMULATOR \"$@\"", "sh", TOVRINCTL_BIN};
-    cmd.insert(cmd.end(), c.args.begin(), c.args.end());
-    std::vector<char *> argv;
-    for (std::string &a : cmd) argv.push_back(a.data());
+    std::vector<const char *> argv = {"/bin/sh", "-c", "exec $TOVRIN_TEST_EMULATOR \"$@\"", "sh", TOVRINCTL_BIN};
+    for (const std::string &a : c.args) argv.push_back(a.c_str());
     argv.push_back(nullptr);
     const std::string out = root + "/stdout", err = root + "/stderr";
     for (const std::string &f : {out, err}) std::ofstream{f};  // emptied before the runner reads them
@@ -135,13 +128,14 @@ std::vector<std::string> run(const ctl_case &c, daemon_t &d, const std::string &
     if (pid == 0) {
         ::dup2(::open(out.c_str(), O_WRONLY), 1);
         ::dup2(::open(err.c_str(), O_WRONLY), 2);
-        ::execv(argv[0], argv.data());
+        ::execv(argv[0], const_cast<char *const *>(argv.data()));
         ::_exit(127);
     }
     std::vector<std::string> got, sent;
     std::size_t done = 0;
     int ws = 0;
-    for (int polls = 0; polls < 1000 && ::waitpid(pid, &ws, WNOHANG) == 0; ++polls) {  // 10 s at most
+    for (int polls = 0; ::waitpid(pid, &ws, WNOHANG) == 0; ++polls) {
+        if (polls == 1000) ::kill(pid, SIGKILL);  // 10 s at most
         // Waiting for the lines before each action checks that a reader of a running listen sees
         // each line at once. A send is retried while tovrinctl is still binding its endpoint.
         const std::string text = slurp(out);
@@ -149,27 +143,22 @@ std::vector<std::string> run(const ctl_case &c, daemon_t &d, const std::string &
             std::size_t(std::count(text.begin(), text.end(), '\n')) == c.actions[done].after) {
             const ctl_case::action &a = c.actions[done];
             done += (a.signal ? ::kill(pid, a.signal)
-                              : d.ep->send(a.path.c_str(), TOVRIN_IPC_APP_MSG, a.kind, a.payload.data(),
-                                           a.payload.size())) == 0;
+                              : d->send(a.path.c_str(), TOVRIN_IPC_APP_MSG, a.kind, a.payload.data(),
+                                        a.payload.size())) == 0;
         }
-        pollfd p{d.ep ? d.ep->h.sock : -1, POLLIN, 0};
-        if (::poll(&p, 1, 10) > 0) serve(d, sent);
+        pollfd p{d ? d->h.sock : -1, POLLIN, 0};
+        if (::poll(&p, 1, 10) > 0) serve(*d, sent);
     }
-    if (::waitpid(pid, &ws, WNOHANG) == 0) {
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, &ws, 0);
-    }
-    while (d.ep && serve(d, sent)) {
+    while (d && serve(*d, sent)) {
     }
     // Long outputs are pinned by their line count and FNV-1a hash.
     std::string text = slurp(out);
     if (!c.expected.empty() && c.expected[0].starts_with("digest ")) {
         uint64_t h = 0xcbf29ce484222325;
         for (unsigned char ch : text) h = (h ^ ch) * 0x100000001b3;
-        std::ostringstream digest;
-        digest << "digest " << std::count(text.begin(), text.end(), '\n') << " " << std::hex << std::setw(16)
-               << std::setfill('0') << h;
-        got.push_back(digest.str());
+        char digest[48];
+        std::snprintf(digest, sizeof digest, "digest %td %016" PRIx64, std::count(text.begin(), text.end(), '\n'), h);
+        got.push_back(digest);
         if (got[0] != c.expected[0]) got.push_back("the output was:\n" + text);
         text.clear();
     }
@@ -196,15 +185,15 @@ TEST(Tovrinctl, Transcript) {
     ::setenv("VK_IPC_ROOT", tmpl, 1);
     std::ifstream in(TOVRINCTL_TRANSCRIPT);
     ASSERT_TRUE(in) << TOVRINCTL_TRANSCRIPT;
-    daemon_t daemon;
+    std::unique_ptr<daemon_t> daemon;
     std::optional<ctl_case> c;
     auto finish = [&] {
         if (!c) return;
-        EXPECT_EQ(run(*c, daemon, root), c->expected) << "line " << c->line;
+        EXPECT_EQ(run(*c, daemon.get(), root), c->expected) << "line " << c->line;
         // Nothing left behind: only the daemon's endpoint is bound.
         std::error_code ec;
         const auto bound = std::distance(std::filesystem::directory_iterator(root + "/vk/ipc", ec), {});
-        EXPECT_EQ(bound, daemon.ep ? 1 : 0) << "line " << c->line;
+        EXPECT_EQ(bound, daemon ? 1 : 0) << "line " << c->line;
         c.reset();
     };
     int n = 0;
@@ -219,9 +208,7 @@ TEST(Tovrinctl, Transcript) {
         } else if (c && op == "sent") {  // its bytes as plain hex, as serve() notes them
             std::string flags, from;
             w >> flags >> from;
-            const bytes_t b = parse_bytes(w);
-            c->expected.push_back("sent " + arg + " " + flags + " " + from +
-                                  (b.empty() ? "" : " " + hex(b.data(), b.size())));
+            c->expected.push_back("sent " + arg + " " + flags + " " + from + hex(parse_bytes(w)));
         } else if (c && (op == "deliver" || op == "respond" || op == "signal")) {
             const auto after =
                 std::count_if(c->expected.begin(), c->expected.end(), [](auto &l) { return l[0] == '>'; });
@@ -236,10 +223,10 @@ TEST(Tovrinctl, Transcript) {
             if (bar != std::string::npos)
                 c->expected = {"! tovrinctl: " + line.substr(bar + 3), "! Try 'tovrinctl --help'.", "= 2"};
         } else if (op == "daemon") {
-            daemon.ep.reset();  // first: the new endpoint may take the old one's path
-            daemon = {arg, std::make_unique<endpoint>(arg), {}};
+            daemon.reset();  // first: the new endpoint may take the old one's path
+            daemon = std::make_unique<daemon_t>(arg);
         } else if (op == "answer") {
-            daemon.answers[uint32_t(std::stoul(arg))] = parse_bytes(w);
+            daemon->answers[uint32_t(std::stoul(arg))] = parse_bytes(w);
         } else if (op == "file") {
             const bytes_t b = parse_bytes(w);
             std::ofstream(root + "/" + arg, std::ios::binary)
@@ -249,7 +236,7 @@ TEST(Tovrinctl, Transcript) {
         }
     }
     finish();
-    daemon = {};
+    daemon.reset();
     std::filesystem::remove_all(root);
 }
 
