@@ -216,12 +216,12 @@ TEST(Tovrinctl, Transcript) {
             const uint32_t kind = op == "respond" ? VK_IPC_F_RESPONSE : VK_IPC_F_NOTIFY;
             c->actions.push_back({std::size_t(after), signal, kind, arg, parse_bytes(w)});
         } else if (finish(); op == "$" || op == "?") {
-            const std::size_t bar = op == "?" ? line.find(" | ") : std::string::npos;
+            const std::size_t bar = line.find(" | ");
             std::istringstream words(line.substr(1, bar == std::string::npos ? bar : bar - 1));
             c.emplace().line = n;
             for (std::string s; words >> s;) c->args.push_back(s == "''" ? "" : expand(repeated(s), root));
-            if (bar != std::string::npos)
-                c->expected = {"! tovrinctl: " + line.substr(bar + 3), "! Try 'tovrinctl --help'.", "= 2"};
+            if (bar != std::string::npos) c->expected = {"! tovrinctl: " + expand(line.substr(bar + 3), root), "= 1"};
+            if (op == "?") c->expected = {c->expected[0], "! Try 'tovrinctl --help'.", "= 2"};
         } else if (op == "daemon") {
             daemon.reset();  // first: the new endpoint may take the old one's path
             daemon = std::make_unique<daemon_t>(arg);
