@@ -166,7 +166,7 @@ std::vector<std::string> run(const ctl_case &c, daemon_t *d, const std::string &
     for (std::string l; std::getline(os, l);) got.push_back("> " + l);
     for (std::string l; std::getline(es, l);) got.push_back("! " + l);
     if (!WIFEXITED(ws) || WEXITSTATUS(ws)) got.push_back("= " + std::to_string(WIFEXITED(ws) ? WEXITSTATUS(ws) : -1));
-    // Elsewhere the answers show what was asked.
+    // Sends count where the transcript lists any; elsewhere the answers show what was asked.
     if (std::any_of(c.expected.begin(), c.expected.end(), [](auto &l) { return l.starts_with("sent "); }))
         got.insert(got.end(), sent.begin(), sent.end());
     return got;
@@ -220,8 +220,10 @@ TEST(Tovrinctl, Transcript) {
             std::istringstream words(line.substr(1, bar == std::string::npos ? bar : bar - 1));
             c.emplace().line = n;
             for (std::string s; words >> s;) c->args.push_back(s == "''" ? "" : expand(repeated(s), root));
-            if (bar != std::string::npos) c->expected = {"! tovrinctl: " + expand(line.substr(bar + 3), root), "= 1"};
-            if (op == "?") c->expected = {c->expected[0], "! Try 'tovrinctl --help'.", "= 2"};
+            if (bar != std::string::npos)
+                c->expected = {"! tovrinctl: " + expand(line.substr(bar + 3), root),
+                               op == "?" ? "! Try 'tovrinctl --help'." : "= 1"};
+            if (op == "?") c->expected.push_back("= 2");
         } else if (op == "daemon") {
             daemon.reset();  // first: the new endpoint may take the old one's path
             daemon = std::make_unique<daemon_t>(arg);
