@@ -1,7 +1,6 @@
 // Replays tovrinctl.transcript against the tovrinctl binary. The runner plays
-// the daemon's endpoint: it records what arrives, answers the requests it has
-// answers for, and answers application messages that ask for their outcome at
-// their src_ep's path, as the daemon does.
+// the daemon's endpoint: it notes what arrives, answers the requests it has
+// answers for and sends what the transcript delivers.
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -9,65 +8,65 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <bit>
+#include <cinttypes>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iomanip>
 #include <map>
 #include <memory>
-#include <set>
 #include <sstream>
 
-#include "core/ipc_codes.h"
 #include "platform/ipc.h"
 #include "relay/app_msg.h"
-#include "relay/endpoint_table.h"
-#include "tests/emulator.h"
 #include "tovrin_version.h"
 
 namespace {
 
 using bytes_t = std::vector<uint8_t>;
-using namespace std::chrono_literals;
 
-// Byte notation: hex, w:N (host-order 32-bit word), q:N (64-bit), t:TEXT; any
-// token may end in *N to repeat it.
+// WORD*N is WORD N times over.
+std::string repeated(const std::string &word) {
+    const std::size_t star = word.rfind('*');
+    if (star == std::string::npos) return word;
+    std::string r;
+    for (int n = std::stoi(word.substr(star + 1)); n > 0; --n) r += word.substr(0, star);
+    return r;
+}
+
+// Bytes: hex, w:N (32-bit, host order), q:N (64-bit) or t:TEXT; hex and TEXT may end in *N.
 bytes_t parse_bytes(std::istream &in) {
-    bytes_t out, one;
+    bytes_t out;
     for (std::string tok; in >> tok;) {
-        std::size_t times = 1;
-        if (const auto star = tok.rfind('*'); star != std::string::npos) {
-            times = std::stoul(tok.substr(star + 1));
-            tok.resize(star);
-        }
-        auto word = [&](uint64_t v, std::size_t n) {
-            const auto *p = reinterpret_cast<const uint8_t *>(&v) + (n == 4 && std::endian::native == std::endian::big ? 4 : 0);
-            one.assign(p, p + n);
-        };
-        one.clear();
-        if (tok.starts_with("w:")) word(uint32_t(std::stoll(tok.substr(2), nullptr, 0)), 4);
-        else if (tok.starts_with("q:")) word(std::stoull(tok.substr(2), nullptr, 0), 8);
-        else if (tok.starts_with("t:")) one.assign(tok.begin() + 2, tok.end());
+        const std::string kind = tok[1] == ':' ? tok.substr(0, 2) : "", v = repeated(tok.substr(kind.size()));
+        const auto q = kind == "w:" || kind == "q:" ? uint64_t(std::stoll(v, nullptr, 0)) : 0;
+        const uint32_t w = uint32_t(q);
+        const auto *p = kind == "w:" ? reinterpret_cast<const uint8_t *>(&w) : reinterpret_cast<const uint8_t *>(&q);
+        if (kind == "t:")
+            out.insert(out.end(), v.begin(), v.end());
+        else if (kind.empty())
+            for (std::size_t i = 0; i + 1 < v.size(); i += 2)
+                out.push_back(uint8_t(std::stoul(v.substr(i, 2), nullptr, 16)));
         else
-            for (std::size_t i = 0; i + 1 < tok.size(); i += 2) one.push_back(uint8_t(std::stoul(tok.substr(i, 2), nullptr, 16)));
-        while (times--) out.insert(out.end(), one.begin(), one.end());
+            out.insert(out.end(), p, p + (kind == "w:" ? 4 : 8));
     }
     return out;
 }
 
-std::string hex(const uint8_t *b, std::size_t n) {
-    std::string s;
-    for (std::size_t i = 0; i < n; ++i) s += "0123456789abcdef"[b[i] >> 4], s += "0123456789abcdef"[b[i] & 15];
+// The bytes as plain hex after a space, as sent lines show them; none for none.
+std::string hex(const bytes_t &b) {
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string s = b.empty() ? "" : " ";
+    for (uint8_t byte : b) s.append({digits[byte >> 4], digits[byte & 15]});
     return s;
 }
 
-struct endpoint {
-    explicit endpoint(const std::string &path) {
+// The stand-in daemon: its endpoint, and its responses to requests by code.
+struct daemon_t {
+    explicit daemon_t(const std::string &path) {
         std::snprintf(h.path, sizeof h.path, "%s", path.c_str());
         vk_ipc_open(&h);
     }
-    ~endpoint() { vk_ipc_close(&h); }
+    ~daemon_t() { vk_ipc_close(&h); }
     int send(const char *peer, uint32_t type, uint32_t flags, const void *p, std::size_t n) {
         auto m = std::make_unique<vk_ipc_msg_t>();
         *m = {type, uint32_t(n), flags, {}};
@@ -77,13 +76,7 @@ struct endpoint {
         return flags & VK_IPC_F_RESPONSE ? vk_ipc_resp_large(&d) : vk_ipc_send_large(&d);
     }
     vk_ipc_handle_t h{};
-};
-
-struct daemon_t {
-    std::string path;
-    std::unique_ptr<endpoint> ep;
-    std::map<uint32_t, bytes_t> answers;  // responses to requests by code
-    std::string outcome;                  // to --ack: delivered, failed, wrong_kind or none
+    std::map<uint32_t, bytes_t> answers;
 };
 
 // Takes one message off the daemon's socket, notes it and answers it; false when none waits.
@@ -91,110 +84,91 @@ bool serve(daemon_t &d, std::vector<std::string> &got) {
     auto m = std::make_unique<vk_ipc_msg_t>();
     fd_set set;
     FD_ZERO(&set);
-    FD_SET(d.ep->h.sock, &set);
-    vk_ipc_recv_desc_t rec{&d.ep->h, m.get(), {}};
+    FD_SET(d.h.sock, &set);
+    vk_ipc_recv_desc_t rec{&d.h, m.get(), {}};
     uint8_t received = 0;
     if (vk_ipc_recv_large(&set, &rec, &received) != 0 || !received) return false;
     // tovrinctl's temporary endpoint is "tmp"; others by their path.
     const std::string from = std::string_view(rec.sender).starts_with("/vk/ipc/tovrinctl-") ? "tmp" : rec.sender;
     got.push_back("sent " + std::to_string(m->type) + " " + std::to_string(m->flags) + " " + from +
-                  (m->len ? " " + hex(m->payload, m->len) : ""));
+                  hex(bytes_t(m->payload, m->payload + m->len)));
     if (auto it = d.answers.find(m->type); it != d.answers.end() && (m->flags & VK_IPC_F_REQUEST))
-        d.ep->send(rec.sender, m->type, VK_IPC_F_RESPONSE, it->second.data(), it->second.size());
-    tovrin_app_msg_t h;
-    if (m->type != TOVRIN_IPC_SEND_MSG || m->len < TOVRIN_APP_HDR_LEN) return true;
-    std::memcpy(&h, m->payload, TOVRIN_APP_HDR_LEN);
-    const tovrin_app_ep_t *to = tovrin_app_ep_find(h.src_ep);
-    if (!(h.flags & TOVRIN_MSG_F_ACK_REQ) || !to || d.outcome == "none") return true;
-    const bool sync = h.flags & TOVRIN_MSG_F_SYNC;
-    const uint32_t kind = sync == (d.outcome == "wrong_kind") ? VK_IPC_F_NOTIFY : VK_IPC_F_RESPONSE;
-    // What else reaches the endpoint meanwhile must not be taken for the
-    // answer: a status report, a message from the controller, another id.
-    tovrin_app_msg_t status{}, from_ctrl = h, other = h;
-    status.flags = TOVRIN_MSG_F_STATUS;
-    from_ctrl.flags = TOVRIN_MSG_F_FROM_CTRL;
-    other.id = h.id + 1;
-    other.flags |= TOVRIN_MSG_F_FAILED;
-    if (d.outcome == "failed") h.flags |= TOVRIN_MSG_F_FAILED;
-    for (const tovrin_app_msg_t *a : {&status, &from_ctrl, &other, &h})
-        d.ep->send(to->path, TOVRIN_IPC_APP_MSG, kind, a, TOVRIN_APP_HDR_LEN);
+        d.send(rec.sender, m->type, VK_IPC_F_RESPONSE, it->second.data(), it->second.size());
     return true;
 }
 
-// One command line: what the runner sets up for it and what must come of it.
+// One command line: what must come of it, and what the daemon does meanwhile.
 struct ctl_case {
     int line = 0;
-    std::vector<std::string> args, holds, expected;
-    std::vector<std::pair<std::string, bytes_t>> delivers;  // to a listener, one line of output awaited each
-    int signal = 0;
+    std::vector<std::string> args, expected;
+    struct action {         // a message the daemon sends, or a signal
+        std::size_t after;  // once this many lines are out
+        int signal;
+        uint32_t kind;
+        std::string path;
+        bytes_t payload;
+    };
+    std::vector<action> actions;
 };
 
-// Long outputs are pinned by their line count and FNV-1a digest.
-std::string digest(const std::string &s) {
-    uint64_t h = 0xcbf29ce484222325;
-    for (unsigned char c : s) h = (h ^ c) * 0x100000001b3;
-    std::ostringstream d;
-    d << "digest " << std::count(s.begin(), s.end(), '\n') << " " << std::hex << std::setw(16) << std::setfill('0') << h;
-    return d.str();
+std::string slurp(const std::string &file) {
+    std::ifstream f(file);
+    return {std::istreambuf_iterator<char>(f), {}};
 }
 
-// Runs the case; what came of it, in the transcript's own lines.
-std::vector<std::string> run(const ctl_case &c, daemon_t *d) {
-    int out[2], err[2];
-    if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) return {"pipe failed"};
-    const std::vector<std::string> cmd = emulator::command(TOVRINCTL_BIN, c.args);
+// Runs the case, its output in files under root; what came of it, in the transcript's own lines.
+std::vector<std::string> run(const ctl_case &c, daemon_t *d, const std::string &root) {
+    // Through the emulator of a cross build, named in $TOVRIN_TEST_EMULATOR (empty otherwise).
+    std::vector<const char *> argv = {"/bin/sh", "-c", "exec $TOVRIN_TEST_EMULATOR \"$@\"", "sh", TOVRINCTL_BIN};
+    for (const std::string &a : c.args) argv.push_back(a.c_str());
+    argv.push_back(nullptr);
+    const std::string out = root + "/stdout", err = root + "/stderr";
+    for (const std::string &f : {out, err}) std::ofstream{f};  // emptied before the runner reads them
     const pid_t pid = ::fork();
     if (pid == 0) {
-        ::dup2(out[1], 1);
-        ::dup2(err[1], 2);
-        emulator::exec(cmd);
+        ::dup2(::open(out.c_str(), O_WRONLY), 1);
+        ::dup2(::open(err.c_str(), O_WRONLY), 2);
+        ::execv(argv[0], const_cast<char *const *>(argv.data()));
         ::_exit(127);
     }
-    ::close(out[1]);
-    ::close(err[1]);
-    std::string text[2];
-    std::vector<std::string> sent;
-    std::unique_ptr<endpoint> from(c.delivers.empty() ? nullptr : new endpoint("/vk/ipc/sender"));
-    std::size_t delivered = 0;
-    bool signalled = false;
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while ((out[0] >= 0 || err[0] >= 0) && std::chrono::steady_clock::now() < deadline) {
-        const auto lines = std::size_t(std::count(text[0].begin(), text[0].end(), '\n'));
-        // Each line must be out before the next message: a pipe reader sees it at once.
-        // A send is retried while tovrinctl is still binding its endpoint.
-        if (delivered < c.delivers.size() && lines == delivered) {
-            const auto &[path, b] = c.delivers[delivered];
-            delivered += from->send(path.c_str(), TOVRIN_IPC_APP_MSG, VK_IPC_F_NOTIFY, b.data(), b.size()) == 0;
-        } else if (c.signal && !signalled && lines == c.delivers.size()) {
-            signalled = ::kill(pid, c.signal) == 0;
+    std::vector<std::string> got, sent;
+    std::size_t done = 0;
+    int ws = 0;
+    for (int polls = 0; ::waitpid(pid, &ws, WNOHANG) == 0; ++polls) {
+        if (polls == 1000) ::kill(pid, SIGKILL);  // 10 s at most
+        // Waiting for the lines before each action checks that a reader of a running listen sees
+        // each line at once. A send is retried while tovrinctl is still binding its endpoint.
+        const std::string text = slurp(out);
+        if (done < c.actions.size() &&
+            std::size_t(std::count(text.begin(), text.end(), '\n')) == c.actions[done].after) {
+            const ctl_case::action &a = c.actions[done];
+            done += (a.signal ? ::kill(pid, a.signal)
+                              : d->send(a.path.c_str(), TOVRIN_IPC_APP_MSG, a.kind, a.payload.data(),
+                                        a.payload.size())) == 0;
         }
-        pollfd p[3] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}, {d ? d->ep->h.sock : -1, POLLIN, 0}};
-        ::poll(p, 3, 10);
-        for (int i = 0; i < 2; ++i) {
-            char b[4096];
-            const ssize_t n = p[i].revents ? ::read(p[i].fd, b, sizeof b) : 1;
-            if (n <= 0) ::close(std::exchange(i ? err[0] : out[0], -1));
-            if (n > 0 && p[i].revents) text[i].append(b, std::size_t(n));
-        }
-        if (p[2].revents) serve(*d, sent);
+        pollfd p{d ? d->h.sock : -1, POLLIN, 0};
+        if (::poll(&p, 1, 10) > 0) serve(*d, sent);
     }
     while (d && serve(*d, sent)) {
     }
-    int ws = 0;
-    if (::waitpid(pid, &ws, WNOHANG) == 0) {
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, &ws, 0);
+    // Long outputs are pinned by their line count and FNV-1a hash.
+    std::string text = slurp(out);
+    if (!c.expected.empty() && c.expected[0].starts_with("digest ")) {
+        uint64_t h = 0xcbf29ce484222325;
+        for (unsigned char ch : text) h = (h ^ ch) * 0x100000001b3;
+        char digest[48];
+        std::snprintf(digest, sizeof digest, "digest %td %016" PRIx64, std::count(text.begin(), text.end(), '\n'), h);
+        got.push_back(digest);
+        if (got[0] != c.expected[0]) got.push_back("the output was:\n" + text);
+        text.clear();
     }
-    for (int fd : {out[0], err[0]})
-        if (fd >= 0) ::close(fd);
-    std::vector<std::string> got;
-    const bool digested = !c.expected.empty() && c.expected[0].starts_with("digest ");
-    std::istringstream os(digested ? digest(text[0]) + "\n" : text[0]), es(text[1]);
-    for (std::string l; std::getline(os, l);) got.push_back(digested ? l : l.empty() ? ">" : "> " + l);
-    if (digested && got[0] != c.expected[0]) got.push_back("the output was:\n" + text[0]);
+    std::istringstream os(text), es(slurp(err));
+    for (std::string l; std::getline(os, l);) got.push_back("> " + l);
     for (std::string l; std::getline(es, l);) got.push_back("! " + l);
     if (!WIFEXITED(ws) || WEXITSTATUS(ws)) got.push_back("= " + std::to_string(WIFEXITED(ws) ? WEXITSTATUS(ws) : -1));
-    got.insert(got.end(), sent.begin(), sent.end());
+    // Sends count where the transcript lists any; elsewhere the answers show what was asked.
+    if (std::any_of(c.expected.begin(), c.expected.end(), [](auto &l) { return l.starts_with("sent "); }))
+        got.insert(got.end(), sent.begin(), sent.end());
     return got;
 }
 
@@ -211,84 +185,60 @@ TEST(Tovrinctl, Transcript) {
     ::setenv("VK_IPC_ROOT", tmpl, 1);
     std::ifstream in(TOVRINCTL_TRANSCRIPT);
     ASSERT_TRUE(in) << TOVRINCTL_TRANSCRIPT;
-    daemon_t daemon;
-    ctl_case next;
-    std::optional<ctl_case> pending;
+    std::unique_ptr<daemon_t> daemon;
+    std::optional<ctl_case> c;
     auto finish = [&] {
-        if (!pending) return;
-        std::vector<std::unique_ptr<endpoint>> held;
-        std::set<std::string> bound, expected;
-        for (const std::string &p : pending->holds) {
-            held.push_back(std::make_unique<endpoint>(p));
-            expected.insert(std::filesystem::path(p).filename());
-        }
-        std::string shown = "line " + std::to_string(pending->line) + ":";
-        for (const std::string &a : pending->args) shown += " " + a.substr(0, 40);
-        EXPECT_EQ(run(*pending, daemon.ep ? &daemon : nullptr), pending->expected) << shown;
-        // Nothing left behind: only the daemon's and the held endpoints are bound.
+        if (!c) return;
+        EXPECT_EQ(run(*c, daemon.get(), root), c->expected) << "line " << c->line;
+        // Nothing left behind: only the daemon's endpoint is bound.
         std::error_code ec;
-        for (const auto &e : std::filesystem::directory_iterator(root + "/vk/ipc", ec)) bound.insert(e.path().filename());
-        if (daemon.ep) expected.insert(std::filesystem::path(daemon.path).filename());
-        EXPECT_EQ(bound, expected) << shown;
-        pending.reset();
+        const auto bound = std::distance(std::filesystem::directory_iterator(root + "/vk/ipc", ec), {});
+        EXPECT_EQ(bound, daemon ? 1 : 0) << "line " << c->line;
+        c.reset();
     };
     int n = 0;
     for (std::string line; std::getline(in, line);) {
-        ++n;
-        if (line.empty() || line[0] == '#') continue;
         std::istringstream w(line);
         std::string op, arg;
         w >> op >> arg;
-        if (op == ">" || op == "!" || op == "=" || op == "digest") {
-            ASSERT_TRUE(pending) << "line " << n;
-            pending->expected.push_back(expand(line, root));
-            continue;
-        }
-        if (op == "sent") {  // its bytes as plain hex, as serve() notes them
-            ASSERT_TRUE(pending) << "line " << n;
+        ++n;
+        if (op.empty() || op[0] == '#') continue;
+        if (c && (op == ">" || op == "!" || op == "=" || op == "digest")) {
+            c->expected.push_back(expand(line, root));
+        } else if (c && op == "sent") {  // its bytes as plain hex, as serve() notes them
             std::string flags, from;
             w >> flags >> from;
-            const bytes_t b = parse_bytes(w);
-            pending->expected.push_back("sent " + arg + " " + flags + " " + from + (b.empty() ? "" : " " + hex(b.data(), b.size())));
-            continue;
-        }
-        finish();
-        if (op == "$" || op == "?") {
-            const std::size_t bar = op == "?" ? line.find(" | ", 1) : std::string::npos;
+            c->expected.push_back("sent " + arg + " " + flags + " " + from + hex(parse_bytes(w)));
+        } else if (c && (op == "deliver" || op == "respond" || op == "signal")) {
+            const auto after =
+                std::count_if(c->expected.begin(), c->expected.end(), [](auto &l) { return l[0] == '>'; });
+            const int signal = op == "signal" ? std::stoi(arg) : 0;
+            const uint32_t kind = op == "respond" ? VK_IPC_F_RESPONSE : VK_IPC_F_NOTIFY;
+            c->actions.push_back({std::size_t(after), signal, kind, arg, parse_bytes(w)});
+        } else if (finish(); op == "$" || op == "?") {
+            const std::size_t bar = line.find(" | ");
             std::istringstream words(line.substr(1, bar == std::string::npos ? bar : bar - 1));
-            for (std::string s; words >> s;) {
-                if (const std::size_t star = s.rfind('*'); star != std::string::npos) {
-                    std::string r;
-                    for (int i = std::stoi(s.substr(star + 1)); i > 0; --i) r += s.substr(0, star);
-                    s = r;
-                }
-                next.args.push_back(s == "''" ? "" : expand(s, root));
-            }
+            c.emplace().line = n;
+            for (std::string s; words >> s;) c->args.push_back(s == "''" ? "" : expand(repeated(s), root));
             if (bar != std::string::npos)
-                next.expected = {"! tovrinctl: " + line.substr(bar + 3), "! Try 'tovrinctl --help'.", "= 2"};
-            next.line = n;
-            pending = std::exchange(next, {});
+                c->expected = {"! tovrinctl: " + expand(line.substr(bar + 3), root),
+                               op == "?" ? "! Try 'tovrinctl --help'." : "= 1"};
+            if (op == "?") c->expected.push_back("= 2");
         } else if (op == "daemon") {
-            daemon = {arg, arg == "none" ? nullptr : std::make_unique<endpoint>(arg), {}, "delivered"};
+            daemon.reset();  // first: the new endpoint may take the old one's path
+            daemon = std::make_unique<daemon_t>(arg);
         } else if (op == "answer") {
-            daemon.answers[uint32_t(std::stoul(arg))] = parse_bytes(w);
-        } else if (op == "outcome") {
-            daemon.outcome = arg;
-        } else if (op == "hold") {
-            next.holds.push_back(arg);
-        } else if (op == "deliver") {
-            next.delivers.emplace_back(arg, parse_bytes(w));
-        } else if (op == "signal") {
-            next.signal = arg == "INT" ? SIGINT : SIGTERM;
+            daemon->answers[uint32_t(std::stoul(arg))] = parse_bytes(w);
         } else if (op == "file") {
             const bytes_t b = parse_bytes(w);
-            std::ofstream(root + "/" + arg, std::ios::binary).write(reinterpret_cast<const char *>(b.data()), long(b.size()));
+            std::ofstream(root + "/" + arg, std::ios::binary)
+                .write(reinterpret_cast<const char *>(b.data()), long(b.size()));
         } else {
-            ADD_FAILURE() << "line " << n << ": unknown directive " << op;
+            ADD_FAILURE() << "line " << n << ": " << op << " unknown, or without a command before it";
         }
     }
     finish();
-    daemon = {};
+    daemon.reset();
     std::filesystem::remove_all(root);
 }
 
