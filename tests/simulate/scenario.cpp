@@ -7,7 +7,6 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "../../fuzz/harness.h"  // the daemon started as the fuzz targets start it
 #include "controller.h"
 #include "core/counters.h"
 #include "platform/ipc.h"
@@ -396,7 +395,7 @@ private:
                "; ", c.link_ups, " ups, ", c.link_downs, " downs, link up");
         // Whatever the controller took whole, a local application sent, unchanged.
         std::set<uint32_t> at_ctrl;
-        for (const ApMsg &r : ctrl_.received) {
+        for (const fz::Delivery &r : ctrl_.received) {
             EXPECT(r.data.size() >= 4, "controller received ", r.data.size(), " bytes");
             uint32_t uid;
             std::memcpy(&uid, r.data.data(), 4);
