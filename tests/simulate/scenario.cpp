@@ -9,8 +9,6 @@
 
 #include "controller.h"
 #include "core/counters.h"
-#include "platform/ipc.h"
-#include "relay/endpoint_table.h"
 #include "session/keepalive.h"
 #include "session/registration.h"
 
@@ -41,17 +39,15 @@ template <class... A>
         if (!(cond)) broken(#cond, __VA_ARGS__); \
     } while (0)
 
-// Things due at given times, taken in time order, ties in the order added.
+// Things due at given times, taken in time order, ties in the order added
+// (a multimap inserts an equal key after those it holds).
 template <class T>
-struct Timeline {
-    std::map<std::pair<uint64_t, uint64_t>, T> q;
-    uint64_t seq = 0;
-    void add(uint64_t t, T v) { q.emplace(std::make_pair(t, seq++), std::move(v)); }
-    std::optional<uint64_t> next() const { return q.empty() ? std::nullopt : std::optional(q.begin()->first.first); }
+struct Timeline : std::multimap<uint64_t, T> {
+    std::optional<uint64_t> next() const { return this->empty() ? std::nullopt : std::optional(this->begin()->first); }
     bool take_due(uint64_t now, T &out) {
-        if (q.empty() || q.begin()->first.first > now) return false;
-        out = std::move(q.begin()->second);
-        q.erase(q.begin());
+        if (this->empty() || this->begin()->first > now) return false;
+        out = std::move(this->begin()->second);
+        this->erase(this->begin());
         return true;
     }
 };
@@ -129,12 +125,12 @@ private:
     int32_t any_endpoint() { return app_ep[rnd(0, TOVRIN_APP_EP_COUNT - 1)].id; }
     // 198.18.c.d, network order.
     static uint32_t ip(uint8_t c, uint8_t d) { return htonl(0xc6120000u | c << 8 | d); }
-    void at(uint64_t t, std::function<void()> f) { script_.add(t, std::move(f)); }
+    void at(uint64_t t, std::function<void()> f) { script_.emplace(t, std::move(f)); }
     // A datagram leaves at t: lost, delivered once, or twice.
     void send(uint64_t t, const InFlight &d) {
         if (coin(faults_.loss)) return;
         for (int n = coin(faults_.dup) ? 2 : 1; n > 0; --n)
-            wire_.add(t + faults_.delay_us + (faults_.jitter_us ? rnd(0, faults_.jitter_us) : 0), d);
+            wire_.emplace(t + faults_.delay_us + (faults_.jitter_us ? rnd(0, faults_.jitter_us) : 0), d);
     }
     // set(true) at s, set(false) len later or when the faults stop, whichever comes first.
     void during(uint64_t s, uint64_t len, const std::function<void(bool)> &set) {
