@@ -293,10 +293,9 @@ private:
 
     void to_ap(const InFlight &d) {
         // Account for starts of controller messages the daemon cannot tell from new ones.
-        const uint8_t flags = d.bytes.size() >= TOVRIN_HDR_LEN ? d.bytes[8] : 0;
         if (d.bytes.size() >= TOVRIN_HDR_LEN && d.src_ip == tovrin_gbl.drav_ip &&
-            !(flags & (TOVRIN_F_CTRL | TOVRIN_F_ACK))) {
-            const uint8_t frag = d.bytes[9];
+            !(d.bytes[8] & (TOVRIN_F_CTRL | TOVRIN_F_ACK))) {
+            const uint8_t flags = d.bytes[8], frag = d.bytes[9];
             const uint64_t serial =
                 ctrl_.serial_of(frag, d.bytes[10], std::span<const uint8_t>(d.bytes).subspan(TOVRIN_HDR_LEN));
             if (serial != 0 && frag == 0) {
@@ -309,6 +308,8 @@ private:
                 if (s != serial) stale_.insert(s);
         }
         sim::udp_inject(d.src_ip, d.bytes);
+        sim::settle();
+        collect();
     }
 
     void step() {
@@ -322,15 +323,11 @@ private:
         if (next > now()) sim::run_for(next - now());
         collect();
 
-        InFlight d;
-        while (wire_.take_due(now(), d)) {
-            if (!d.to_ap) {
+        for (InFlight d; wire_.take_due(now(), d);) {
+            if (d.to_ap)
+                to_ap(d);
+            else
                 ctrl_.receive(now(), d.dst_ip, d.bytes);
-                continue;
-            }
-            to_ap(d);
-            sim::settle();
-            collect();
         }
         if (auto t = ctrl_.next_at(); t && *t <= now()) ctrl_.tick(now());
         for (std::function<void()> f; script_.take_due(now(), f);) f();
