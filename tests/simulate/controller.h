@@ -20,9 +20,7 @@
 namespace simulate {
 
 // A message the controller sent, as the scenario needs to judge deliveries.
-struct CtrlMsg {  // by serial, which is also its first 8 data bytes
-    int32_t src, dst;
-    std::vector<uint8_t> data;
+struct CtrlMsg : fz::Delivery {  // by serial, which is also its first 8 data bytes
     uint8_t trans = 0;
     bool acked = false;  // an acknowledgement for it came back
 };
@@ -61,7 +59,7 @@ public:
         const std::string why = encrypt ? dsim_payload_enc(s, d, data, key, iv, p) : dsim_payload_plain(s, d, data, p);
         if (!why.empty()) throw std::runtime_error("controller cannot build a message: " + why);
         by_head_[head(p)] = serial;
-        sent[serial] = CtrlMsg{src, dst, std::move(data)};
+        sent[serial] = CtrlMsg{{src, dst, std::move(data)}};
         dsim_sender_queue(tx_, dsim_out_msg{0, encrypt, s, d, 0, std::move(p)});
         serials_.push_back(serial);
     }

@@ -4,8 +4,6 @@
 #include <memory>
 #include <random>
 #include <set>
-#include <sstream>
-#include <stdexcept>
 
 #include "controller.h"
 #include "core/counters.h"
@@ -25,19 +23,6 @@ constexpr uint64_t kSec = 1000000;
 // Once faults stop, the link must be up within the longest registration
 // interval, one keepalive period and the transit of the answer.
 constexpr uint64_t kRecovery = 16 * kSec + 1 * kSec + 500 * kMs;
-
-// The first invariant broken, as "condition: what was seen".
-template <class... A>
-[[noreturn]] void broken(const char *cond, const A &...a) {
-    std::ostringstream o;
-    o << cond << ": ";
-    (o << ... << a);
-    throw std::runtime_error(o.str());
-}
-#define EXPECT(cond, ...)                        \
-    do {                                         \
-        if (!(cond)) broken(#cond, __VA_ARGS__); \
-    } while (0)
 
 // Things due at given times, taken in time order, ties in the order added
 // (a multimap inserts an equal key after those it holds).
@@ -254,10 +239,10 @@ private:
         for (; ipc_seen_ < ipc.size(); ++ipc_seen_) {
             const sim::IpcSent &s = ipc[ipc_seen_];
             // No endpoint's deliveries wait for another endpoint's queue.
-            EXPECT(!s.held_by_other, "send to ", s.peer, " refused for what waits at another endpoint");
+            FZ_CHECK(!s.held_by_other);
             // A send a full endpoint refused is tried again: only the one it takes counts.
             if (s.type != TOVRIN_IPC_APP_MSG || s.full) continue;
-            EXPECT(s.payload.size() >= TOVRIN_APP_HDR_LEN, "IPC message of ", s.payload.size(), " bytes");
+            FZ_CHECK(s.payload.size() >= TOVRIN_APP_HDR_LEN);
             tovrin_app_msg_t h;
             std::memcpy(&h, s.payload.data(), TOVRIN_APP_HDR_LEN);
             if (h.flags & TOVRIN_MSG_F_STATUS) continue;
@@ -273,22 +258,19 @@ private:
 
     void observe_status() {
         const int st = tovrin_gbl.status;
-        // Going down fails and frees every queued message.
-        EXPECT(st != 0 || (tovrin_gbl.comm.head == nullptr && tovrin_gbl.comm.msg_cnt == 0), tovrin_gbl.comm.msg_cnt,
-               " messages queued while down");
+        // The send queue and the timers agree; going down fails and frees every queued message.
+        fz::check_state();
         if (st != last_status_) {
             if (st == 0) {
                 down_since_ = now();
             } else if (now() >= faults_end_) {
                 // Down periods that start once faults stopped are short: re-registration is immediate.
-                EXPECT(down_since_ < faults_end_ || now() - down_since_ <= kRecovery, "down for ",
-                       (now() - down_since_) / kMs, " ms after faults stopped");
+                FZ_CHECK(down_since_ < faults_end_ || now() - down_since_ <= kRecovery);
             }
             last_status_ = st;
         }
         if (st == 1 && now() >= faults_end_) up_after_faults_ = true;
-        EXPECT(now() < faults_end_ + kRecovery || up_after_faults_, "link not up ", kRecovery / kMs,
-               " ms after faults stopped");
+        FZ_CHECK(now() < faults_end_ + kRecovery || up_after_faults_);
     }
 
     void to_ap(const InFlight &d) {
@@ -335,17 +317,13 @@ private:
     }
 
     void check_delivery(const sim::IpcSent &s, const tovrin_app_msg_t &h) {
-        EXPECT(s.payload.size() == TOVRIN_APP_HDR_LEN + h.len && h.len >= 8, "delivery of ", h.len, " bytes");
-        const uint8_t *data = s.payload.data() + TOVRIN_APP_HDR_LEN;
+        FZ_CHECK(s.payload.size() >= TOVRIN_APP_HDR_LEN + 8);
         uint64_t serial;
-        std::memcpy(&serial, data, 8);
-        auto it = ctrl_.sent.find(serial);
+        std::memcpy(&serial, s.payload.data() + TOVRIN_APP_HDR_LEN, 8);
         // Nothing reaches a local endpoint that the controller did not send, byte for byte.
-        EXPECT(it != ctrl_.sent.end(), "delivered message ", serial, " never sent");
-        const CtrlMsg &m = it->second;
-        EXPECT(m.dst == h.dst_ep && m.src == h.src_ep && s.peer == endpoint_path(m.dst) && m.data.size() == h.len &&
-                   std::equal(m.data.begin(), m.data.end(), data),
-               "delivered message ", serial, " differs from what was sent");
+        const auto it = ctrl_.sent.find(serial);
+        FZ_CHECK(it != ctrl_.sent.end());
+        fz::check_delivery(s, it->second, h.id);
         deliveries += 1;
         const int n = ++delivered_[serial];
         // Delivered again only for a start the daemon cannot tell from a new
@@ -353,66 +331,54 @@ private:
         // first transmission), or a RETX copy after the daemon moved on to
         // another message or started afresh. On a link that neither duplicates
         // nor reorders, that is at most once.
-        EXPECT(n <= allowed_[serial], "message ", serial, " delivered ", n, " times, ", allowed_[serial],
-               " indistinguishable starts");
-        EXPECT(reorders_ || n == 1, "message ", serial, " delivered twice on an in-order link");
+        FZ_CHECK(n <= allowed_[serial]);
+        FZ_CHECK(reorders_ || n == 1);
     }
 
     void check_answer(const sim::IpcSent &s, const tovrin_app_msg_t &h) {
         auto it = local_.find(h.id);
-        EXPECT(it != local_.end(), "answer for unknown id ", h.id);
+        FZ_CHECK(it != local_.end());
         LocalMsg &m = it->second;
         // Asked for; its own header back without data, its flags plus FAILED
         // or not, to its table path, as a response when it asked SYNC.
-        EXPECT((m.flags & TOVRIN_MSG_F_ACK_REQ) && s.payload.size() == TOVRIN_APP_HDR_LEN && h.len == m.data.size() &&
-                   (h.flags & ~TOVRIN_MSG_F_FAILED) == m.flags && s.peer == endpoint_path(m.src) &&
-                   s.kind == ((m.flags & TOVRIN_MSG_F_SYNC) ? VK_IPC_KIND_RESP : VK_IPC_KIND_NOTIFY),
-               "answer for id ", h.id, " (flags 0x", std::hex, h.flags, std::dec, ", ", s.payload.size(), " bytes) to ",
-               s.peer);
+        FZ_CHECK((m.flags & TOVRIN_MSG_F_ACK_REQ) && s.payload.size() == TOVRIN_APP_HDR_LEN && h.len == m.data.size() &&
+                 (h.flags & ~TOVRIN_MSG_F_FAILED) == m.flags && s.peer == endpoint_path(m.src) &&
+                 s.kind == ((m.flags & TOVRIN_MSG_F_SYNC) ? VK_IPC_KIND_RESP : VK_IPC_KIND_NOTIFY));
         m.failed = (h.flags & TOVRIN_MSG_F_FAILED) != 0;
-        EXPECT(++m.answers == 1, "id ", h.id, " answered ", m.answers, " times");
+        FZ_CHECK(++m.answers == 1);
         if (!m.failed) answered_ok += 1;
     }
 
     void check_end() {
         const tovrin_counters_t &c = tovrin_counters;
-        EXPECT(tovrin_gbl.status == 1 && tovrin_gbl.comm.msg_cnt == 0 && tovrin_gbl.comm.head == nullptr &&
-                   tovrin_backlog_count() == 0,
-               "at the end: link ", tovrin_gbl.status, ", ", tovrin_gbl.comm.msg_cnt, " messages queued, ",
-               tovrin_backlog_count(), " local deliveries waiting");
+        // Up, nothing queued, no local delivery waiting.
+        FZ_CHECK(tovrin_gbl.status == 1 && tovrin_gbl.comm.msg_cnt == 0 && tovrin_backlog_count() == 0);
         // The counters account for every message and every link change.
-        EXPECT(c.up_messages_accepted == c.up_messages_acked + c.up_messages_failed &&
-                   c.down_messages_delivered == taken_ && c.link_ups == c.link_downs + 1,
-               "counters: ", c.up_messages_accepted, " accepted, ", c.up_messages_acked, " acked, ",
-               c.up_messages_failed, " failed; ", c.down_messages_delivered, " delivered, the endpoints took ", taken_,
-               "; ", c.link_ups, " ups, ", c.link_downs, " downs, link up");
+        FZ_CHECK(c.up_messages_accepted == c.up_messages_acked + c.up_messages_failed &&
+                 c.down_messages_delivered == taken_ && c.link_ups == c.link_downs + 1);
         // Whatever the controller took whole, a local application sent, unchanged.
         std::set<uint32_t> at_ctrl;
         for (const fz::Delivery &r : ctrl_.received) {
-            EXPECT(r.data.size() >= 4, "controller received ", r.data.size(), " bytes");
+            FZ_CHECK(r.data.size() >= 4);
             uint32_t uid;
             std::memcpy(&uid, r.data.data(), 4);
             auto it = local_.find(uid);
-            EXPECT(
-                it != local_.end() && it->second.src == r.src && it->second.dst == r.dst && it->second.data == r.data,
-                "controller received message ", uid, " that no local application sent so");
+            FZ_CHECK(it != local_.end() && it->second.src == r.src && it->second.dst == r.dst &&
+                     it->second.data == r.data);
             at_ctrl.insert(uid);
         }
         for (const auto &[uid, m] : local_) {
             const bool asked = (m.flags & TOVRIN_MSG_F_ACK_REQ) && !endpoint_path(m.src).empty();
             // Every sender that asked got exactly one answer; no one else got any.
             // One that stopped reading for long may have lost its answer.
-            EXPECT((stuck_.count(m.src) && m.answers == 0) || m.answers == (asked ? 1 : 0), "id ", uid, " (flags 0x",
-                   std::hex, m.flags, std::dec, ", from ", m.src, ") answered ", m.answers, " times");
+            FZ_CHECK((stuck_.count(m.src) && m.answers == 0) || m.answers == (asked ? 1 : 0));
             // A success answer means the controller has the message.
-            EXPECT(!asked || m.failed || m.answers != 1 || at_ctrl.count(uid), "id ", uid,
-                   " reported delivered, controller lacks it");
+            FZ_CHECK(!asked || m.failed || m.answers != 1 || at_ctrl.count(uid));
         }
         // A message the controller saw acknowledged was handed to its endpoint.
         for (const auto &[serial, m] : ctrl_.sent)
-            EXPECT(!m.acked || endpoint_path(m.dst).empty() || m.data.size() > TOVRIN_APP_MAX_DATA ||
-                       stuck_.count(m.dst) || delivered_[serial] >= 1,
-                   "message ", serial, " acknowledged, never delivered");
+            FZ_CHECK(!m.acked || endpoint_path(m.dst).empty() || m.data.size() > TOVRIN_APP_MAX_DATA ||
+                     stuck_.count(m.dst) || delivered_[serial] >= 1);
     }
 
     std::mt19937_64 rng_;
