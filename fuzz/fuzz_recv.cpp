@@ -36,7 +36,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     for (uint32_t id = 2; !in.empty(); fz::check_state()) {
         const uint8_t op = in.u8();
         if (op < 0xf0) {
-            // A little over one datagram's worth, so longer datagrams are cut by the read.
+            // A little over one datagram's worth, so longer datagrams are cut by the read;
+            // the other address is 198.18.0.9.
             fz::from_ctrl(in.chunk(TOVRIN_MAX_DGRAM + 64), op < 0xe0 ? fz::ctrl_ip() : htonl(0xc6120009));
         } else if (op < 0xf8) {
             if (op & 4) sim::ipc_set_full(fz::endpoint_path(101), full = !full);
