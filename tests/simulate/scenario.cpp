@@ -1,3 +1,4 @@
+#include <cstdlib>
 #include <functional>
 #include <iostream>
 #include <map>
