@@ -19,7 +19,6 @@
 
 #include "harness.h"
 #include "link/protect.h"
-#include "relay/relay.h"
 
 namespace {
 

@@ -7,8 +7,6 @@
 //   0xf0-0xff  virtual time passes (next byte × 10 ms)
 // The controller answers nothing, so timers take the link down in time.
 #include "harness.h"
-#include "platform/ipc.h"
-#include "platform/log.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     fz::Input in(data, size);

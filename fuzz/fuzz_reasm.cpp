@@ -11,7 +11,6 @@
 // a fragment 0 when bit 3 of the flags byte is set (else fill bytes), so whole
 // messages pass the length check and reach delivery.
 #include "harness.h"
-#include "relay/relay.h"
 
 namespace {
 

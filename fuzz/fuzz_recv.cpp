@@ -25,7 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
             fz::from_ctrl(frags[1]);
         } else if ((mode & 3) == 3) {
             fz::set_key(in.bytes(16));
-            fz::set_encrypt(1);
+            fz::notify(TOVRIN_IPC_SET_ENCRYPT, word_payload(1));
         }
     }
     bool full = (mode & 8) != 0;
@@ -36,8 +36,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     for (uint32_t id = 2; !in.empty(); fz::check_state()) {
         const uint8_t op = in.u8();
         if (op < 0xf0) {
-            // A little over one datagram's worth, so longer datagrams are cut by the read.
-            fz::from_ctrl(in.chunk(TOVRIN_MAX_DGRAM + 64), op < 0xe0 ? fz::ctrl_ip() : fz::other_ip());
+            // A little over one datagram's worth, so longer datagrams are cut by the read;
+            // the other address is 198.18.0.9.
+            fz::from_ctrl(in.chunk(TOVRIN_MAX_DGRAM + 64), op < 0xe0 ? fz::ctrl_ip() : htonl(0xc6120009));
         } else if (op < 0xf8) {
             if (op & 4) sim::ipc_set_full(fz::endpoint_path(101), full = !full);
             sim::run_for_ms(10u * in.u8());

@@ -5,22 +5,14 @@
 // whole message with the RETX flag after 1, 2, 4 and 8 s and giving up after
 // the fifth transmission, as the daemon's own sender does. Payloads,
 // fragments, acknowledgements, reassembly and the send queue are drav-sim's.
-#include <algorithm>
 #include <cmath>
-#include <cstdint>
-#include <cstring>
 #include <deque>
 #include <functional>
 #include <map>
-#include <optional>
 #include <span>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
-#include "link/wire.h"
-#include "packets.h"
-#include "tools/drav-sim/codec.h"
+#include "../../fuzz/harness.h"  // the daemon started as the fuzz targets start it, and fz::Delivery
 #include "tools/drav-sim/payload.h"
 #include "tools/drav-sim/reasm.h"
 #include "tools/drav-sim/sender.h"
@@ -28,17 +20,9 @@
 namespace simulate {
 
 // A message the controller sent, as the scenario needs to judge deliveries.
-struct CtrlMsg {  // by serial, which is also its first 8 data bytes
-    int32_t src, dst;
-    std::vector<uint8_t> data;
+struct CtrlMsg : fz::Delivery {  // by serial, which is also its first 8 data bytes
     uint8_t trans = 0;
     bool acked = false;  // an acknowledgement for it came back
-};
-
-// A data message the controller received whole from the access point.
-struct ApMsg {
-    int32_t src, dst;
-    std::vector<uint8_t> data;
 };
 
 class Controller {
@@ -54,7 +38,7 @@ public:
     // Moves to a new address: a restarted controller, its message in flight abandoned.
     void restart_at(uint32_t new_ip, uint8_t first_trans) {
         ip = new_ip;
-        if (tx_.waiting) {  // the message in flight is abandoned, its outcome unknown
+        if (tx_.waiting) {  // its outcome stays unknown
             tx_.queue.pop_front();
             serials_.pop_front();
             tx_.waiting = false;
@@ -75,7 +59,7 @@ public:
         const std::string why = encrypt ? dsim_payload_enc(s, d, data, key, iv, p) : dsim_payload_plain(s, d, data, p);
         if (!why.empty()) throw std::runtime_error("controller cannot build a message: " + why);
         by_head_[head(p)] = serial;
-        sent[serial] = CtrlMsg{src, dst, std::move(data)};
+        sent[serial] = CtrlMsg{{src, dst, std::move(data)}};
         dsim_sender_queue(tx_, dsim_out_msg{0, encrypt, s, d, 0, std::move(p)});
         serials_.push_back(serial);
     }
@@ -120,9 +104,9 @@ public:
         dsim_opened o = dsim_payload_open(dsim_reasm_message(rx_), key);
         if (o.status != dsim_open_status::ok)
             throw std::runtime_error("controller received a message it cannot open: " + o.problem);
-        received.push_back(ApMsg{static_cast<int32_t>(o.src), static_cast<int32_t>(o.dst), std::move(o.data)});
+        received.push_back({static_cast<int32_t>(o.src), static_cast<int32_t>(o.dst), std::move(o.data)});
     }
-    // Retransmission and the next message; call at next_at().
+    // Retransmissions and the next message, due at next_at().
     void tick(uint64_t now_us) {
         // A silent controller starts nothing new, but the message on the wire
         // runs through its schedule.
@@ -156,7 +140,7 @@ public:
 
     // Every message it ever sent (by serial) and every one it received whole.
     std::map<uint64_t, CtrlMsg> sent;
-    std::vector<ApMsg> received;
+    std::vector<fz::Delivery> received;
     // The serial of the message a data fragment belongs to (0: none of ours):
     // fragment 0 by the first bytes of its payload, later ones by their
     // transaction number, the latest message that had it.
