@@ -53,8 +53,6 @@ for cap in session-any.pcap session-eth.pcapng session-sll.pcap malformed.pcap; 
     esac
 done
 (cd "$here" && "$pcap_bin" --json --key "$key" session-any.pcap) >"$work/out/session-any.json"
-python3 -c 'import json, sys
-for line in sys.stdin: json.loads(line)' <"$work/out/session-any.json" || fail "session-any.json: a line is not JSON"
 # Mangled datagrams from fixed seeds: never a Lua error, never a failure.
 for seed in 1 2; do
     python3 "$here/make_malformed.py" --noise "$seed" 3000 "$work/noise.pcap"
