@@ -98,11 +98,8 @@ start_listen() {
     # Started directly, not through a shell function, so $! is tovrinctl itself.
     "$TOVRINCTL_BIN" listen "$1" >"$WORK/listen-$1.out" 2>&1 &
     E2E_PIDS+=($!)
-    wait_until 30 test -S "$VK_IPC_ROOT$(endpoint_path "$1")"
-}
-# The path of endpoint id, read from the tree's one table (relay/endpoint_table.h).
-endpoint_path() {
-    grep -o "{$1, \"[^\"]*\"}" "$E2E_ROOT/relay/endpoint_table.h" | cut -d'"' -f2
+    # The endpoint's path, read from the tree's one table.
+    wait_until 30 test -S "$VK_IPC_ROOT$(grep -o "{$1, \"[^\"]*\"}" "$E2E_ROOT/relay/endpoint_table.h" | cut -d'"' -f2)"
 }
 
 # Brings the link up: simulator (with ARGS), daemon, a listener on 101, the controller address.

@@ -45,16 +45,11 @@ check "registration request on the wire: 116 bytes with our identity" \
     has_line "$SIM" "< $TOVRIN_AP_IP:6650 flags=0xa0 frag=0 ctlr_trans=0 ap_trans=0 data_len=104 REG-REQ serial=E2E-SERIAL mac=02:00:5e:10:00:01 uptime=[0-9]+ name=Testserver ka_rate=5000"
 check "keepalive request on the wire: 48 bytes" \
     wait_for "$SIM" "< $TOVRIN_AP_IP:6650 flags=0xa0 frag=0 ctlr_trans=0 ap_trans=0 data_len=36 KA-REQ serial=E2E-SERIAL mac=02:00:5e:10:00:01 uptime=[0-9]+ ka_rate=5000"
-ctl karate 107 2000
-check "a shorter rate reaches the controller at once" wait_for "$SIM" "KA-REQ .* ka_rate=2000"
-ctl karate 107 0
 
 # The controller goes silent: unanswered keepalives take the link down.
 sim_cmd reg off && sim_cmd ka off
 check "link goes DOWN when keepalives stop" wait_for "$LISTEN" "^STATUS DOWN controller $TOVRIN_CTL_IP"
 check_eq "status shows DOWN" "$(ctl status)" "controller $TOVRIN_CTL_IP link DOWN"
-n=$(count_of "$SIM" "REG-REQ")
-check "registration requests resume after the loss" wait_until 30 at_least "$SIM" REG-REQ $((n + 2))
 
 # The controller answers again: the link returns by itself.
 sim_cmd reg on && sim_cmd ka on
