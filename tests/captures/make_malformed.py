@@ -1,13 +1,9 @@
 #!/usr/bin/env python3
 """Writes malformed.pcap: Ethernet frames of the tovrin link between an AP
-(10.0.0.2) and its controller (10.0.0.1), each datagram wrong in one way, so
-that the dissector and tovrin-pcap are shown to flag them without failing.
-Run it again to regenerate the committed file: python3 make_malformed.py OUT.
-  --frames OUT             frames that are not the link's or not whole
-  --noise SEED COUNT OUT   well-formed and mangled datagrams from a seed, to show
-                           that no input makes the dissector raise a Lua error or
-                           tovrin-pcap fail: cut at every length, bytes flipped,
-                           numbers and lengths at random"""
+(10.0.0.2) and its controller (10.0.0.1), each datagram wrong in one way (CASES).
+  make_malformed.py OUT                    regenerates the committed file
+  make_malformed.py --frames OUT           frames that are not the link's or not whole
+  make_malformed.py --noise SEED COUNT OUT well-formed and mangled datagrams from a seed"""
 import random
 import struct
 import sys

@@ -62,11 +62,6 @@ check "link reported DOWN, then UP again" wait_until 30 at_least "$LISTEN" '^STA
 check "link reported DOWN" has_line "$LISTEN" '^STATUS DOWN'
 check_eq "each failure logged" "$(count_of "$WORK/tovrin.log" 'INFO: >>tovrin_ap_msg_failed')" 2
 
-# While the link is down a message is refused at once.
-sim_cmd ack on && sim_cmd reg off && sim_cmd ka off
-check "link goes down again" wait_until 60 at_least "$LISTEN" '^STATUS DOWN' 2
-check_eq "refused while down" "$(send 102 --from 109 --ack "too late")" failed
-
 kill -TERM "$TOVRIN_PID"
 wait "$TOVRIN_PID"
 check_eq "the daemon ends with its own status 1 (not valgrind's 9)" "$?" 1

@@ -37,6 +37,4 @@ kill -CONT "$STUCK"
 sim_cmd send 200 109 back-again
 check "once it reads again, new messages reach it" \
     wait_for "$WORK/listen-109.out" 'dst=109 len=10 data=back-again$'
-ids=$(grep -o '^MSG id=[0-9]*' "$WORK/listen-109.out" | cut -d= -f2 | tr '\n' ' ')
-check_eq "what it got came in order" "$ids" "$(echo "$ids" | tr ' ' '\n' | grep . | sort -n | tr '\n' ' ')"
 e2e_done
