@@ -122,19 +122,6 @@ FRAMES = [
 ]
 
 
-def seeds():
-    """Well-formed datagrams of every kind, each with its sender."""
-    big = plain(105, 102, bytes(random.randrange(256) for _ in range(2500)))
-    out = [(AP, dgram(0xA0, REG)), (CTL, dgram(0x80, REG)),
-           (AP, dgram(0xA0, ctrl(0x20, 36, bytes(32)))), (CTL, dgram(0x80, ctrl(0x20, 36, bytes(32)))),
-           (CTL, dgram(0x80, ctrl(0x22, 12, bytes([0, 0, 0, 0, 203, 0, 113, 9])))),
-           (AP, dgram(0x24, plain(105, 102, b"hello"), ap=1)), (CTL, dgram(0x08, b"", ap=1)),
-           (CTL, dgram(0x24, enc(201, 101, 3, bytes(16)), ctlr=2)), (AP, dgram(0x08, b"", ctlr=2))]
-    for k in range(3):
-        out.append((AP, dgram(0x25 if k < 2 else 0x24, big[k * 1024:(k + 1) * 1024], frag=k, ap=3)))
-    return out
-
-
 def mangle(src, d):
     d = bytearray(d)
     how = random.randrange(8)
@@ -169,7 +156,15 @@ def write(out, frames, cut=None):
 
 def noise(seed, count):
     random.seed(seed)
-    base = seeds()
+    # Well-formed datagrams of every kind, each with its sender, to mangle.
+    big = plain(105, 102, bytes(random.randrange(256) for _ in range(2500)))
+    base = [(AP, dgram(0xA0, REG)), (CTL, dgram(0x80, REG)),
+           (AP, dgram(0xA0, ctrl(0x20, 36, bytes(32)))), (CTL, dgram(0x80, ctrl(0x20, 36, bytes(32)))),
+           (CTL, dgram(0x80, ctrl(0x22, 12, bytes([0, 0, 0, 0, 203, 0, 113, 9])))),
+           (AP, dgram(0x24, plain(105, 102, b"hello"), ap=1)), (CTL, dgram(0x08, b"", ap=1)),
+           (CTL, dgram(0x24, enc(201, 101, 3, bytes(16)), ctlr=2)), (AP, dgram(0x08, b"", ctlr=2))]
+    for k in range(3):
+        base.append((AP, dgram(0x25 if k < 2 else 0x24, big[k * 1024:(k + 1) * 1024], frag=k, ap=3)))
     out = []
     for _ in range(count):
         src, d = random.choice(base)
