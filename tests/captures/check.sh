@@ -77,8 +77,6 @@ session-eth.pcapng --key
 --port 0 session-eth.pcapng
 --port 6651 session-eth.pcapng
 none.pcap
-check.sh
-/dev/null
 "$work/cut.pcap"
 --no-summary --full - <session-sll.pcap
 EOF
