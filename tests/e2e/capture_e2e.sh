@@ -32,12 +32,10 @@ all_captured() {
 
 KEY=000102030405060708090a0b0c0d0e0f
 need_netns
-start_sim --key "$KEY" || { fail "controller simulator starts"; e2e_done; exit 1; }
 capture_start "$TOVRIN_NS_AP" any -i any &&
     capture_start "$TOVRIN_NS_CTL" eth -i veth-ctl &&
     capture_start "$TOVRIN_NS_CTL" sll -i any -y LINUX_SLL || { fail "tcpdump starts"; e2e_done; exit 1; }
-start_daemon && start_listen 101 && ctl controller "$TOVRIN_CTL_IP" &&
-    wait_for "$WORK/listen-101.out" "^STATUS UP" || { fail "link comes up"; e2e_done; exit 1; }
+link_up --key "$KEY" || { fail "link comes up"; e2e_done; exit 1; }
 SIM="$WORK/sim.out" LISTEN="$WORK/listen-101.out"
 
 check_eq "uplink plain" "$(send 102 --from 105 --ack "hello controller")" delivered
