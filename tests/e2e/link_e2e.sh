@@ -40,7 +40,6 @@ link_up || { fail "link comes up"; e2e_done; exit 1; }
 pass "link comes up and endpoint 101 hears STATUS UP"
 SIM="$WORK/sim.out" LISTEN="$WORK/listen-101.out" LOG="$WORK/tovrin.log"
 
-check_eq "status shows the controller UP" "$(ctl status)" "controller $TOVRIN_CTL_IP link UP"
 check "registration request on the wire: 116 bytes with our identity" \
     has_line "$SIM" "< $TOVRIN_AP_IP:6650 flags=0xa0 frag=0 ctlr_trans=0 ap_trans=0 data_len=104 REG-REQ serial=E2E-SERIAL mac=02:00:5e:10:00:01 uptime=[0-9]+ name=Testserver ka_rate=5000"
 check "keepalive request on the wire: 48 bytes" \
@@ -65,7 +64,6 @@ sum=$(md5sum "$LOG")
 mkdir -p "$WORK/second"
 in_ap env VK_LOG_DIR="$WORK/second" timeout 20 "$TOVRIN_BIN" >"$WORK/second.out" 2>&1
 check_eq "a second daemon exits with status 1" "$?" 1
-check "it logs why" has_line "$WORK/second/tovrin.log" 'IPC open failure 98'
 check_eq "the first daemon's log is untouched" "$(md5sum "$LOG")" "$sum"
 
 # Signals: only SIGTERM and SIGINT end the daemon; SIGUSR1 logs the counters,
