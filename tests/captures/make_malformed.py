@@ -1,13 +1,9 @@
 #!/usr/bin/env python3
 """Writes malformed.pcap: Ethernet frames of the tovrin link between an AP
-(10.0.0.2) and its controller (10.0.0.1), each datagram wrong in one way, so
-that the dissector and tovrin-pcap are shown to flag them without failing.
-Run it again to regenerate the committed file: python3 make_malformed.py OUT.
-  --frames OUT             frames that are not the link's or not whole
-  --noise SEED COUNT OUT   well-formed and mangled datagrams from a seed, to show
-                           that no input makes the dissector raise a Lua error or
-                           tovrin-pcap fail: cut at every length, bytes flipped,
-                           numbers and lengths at random"""
+(10.0.0.2) and its controller (10.0.0.1), each datagram wrong in one way (CASES).
+  make_malformed.py OUT                    regenerates the committed file
+  make_malformed.py --frames OUT           frames that are not the link's or not whole
+  make_malformed.py --noise SEED COUNT OUT well-formed and mangled datagrams from a seed"""
 import random
 import struct
 import sys
@@ -126,19 +122,6 @@ FRAMES = [
 ]
 
 
-def seeds():
-    """Well-formed datagrams of every kind, each with its sender."""
-    big = plain(105, 102, bytes(random.randrange(256) for _ in range(2500)))
-    out = [(AP, dgram(0xA0, REG)), (CTL, dgram(0x80, REG)),
-           (AP, dgram(0xA0, ctrl(0x20, 36, bytes(32)))), (CTL, dgram(0x80, ctrl(0x20, 36, bytes(32)))),
-           (CTL, dgram(0x80, ctrl(0x22, 12, bytes([0, 0, 0, 0, 203, 0, 113, 9])))),
-           (AP, dgram(0x24, plain(105, 102, b"hello"), ap=1)), (CTL, dgram(0x08, b"", ap=1)),
-           (CTL, dgram(0x24, enc(201, 101, 3, bytes(16)), ctlr=2)), (AP, dgram(0x08, b"", ctlr=2))]
-    for k in range(3):
-        out.append((AP, dgram(0x25 if k < 2 else 0x24, big[k * 1024:(k + 1) * 1024], frag=k, ap=3)))
-    return out
-
-
 def mangle(src, d):
     d = bytearray(d)
     how = random.randrange(8)
@@ -173,7 +156,15 @@ def write(out, frames, cut=None):
 
 def noise(seed, count):
     random.seed(seed)
-    base = seeds()
+    # Well-formed datagrams of every kind, each with its sender, to mangle.
+    big = plain(105, 102, bytes(random.randrange(256) for _ in range(2500)))
+    base = [(AP, dgram(0xA0, REG)), (CTL, dgram(0x80, REG)),
+           (AP, dgram(0xA0, ctrl(0x20, 36, bytes(32)))), (CTL, dgram(0x80, ctrl(0x20, 36, bytes(32)))),
+           (CTL, dgram(0x80, ctrl(0x22, 12, bytes([0, 0, 0, 0, 203, 0, 113, 9])))),
+           (AP, dgram(0x24, plain(105, 102, b"hello"), ap=1)), (CTL, dgram(0x08, b"", ap=1)),
+           (CTL, dgram(0x24, enc(201, 101, 3, bytes(16)), ctlr=2)), (AP, dgram(0x08, b"", ctlr=2))]
+    for k in range(3):
+        base.append((AP, dgram(0x25 if k < 2 else 0x24, big[k * 1024:(k + 1) * 1024], frag=k, ap=3)))
     out = []
     for _ in range(count):
         src, d = random.choice(base)

@@ -32,12 +32,10 @@ all_captured() {
 
 KEY=000102030405060708090a0b0c0d0e0f
 need_netns
-start_sim --key "$KEY" || { fail "controller simulator starts"; e2e_done; exit 1; }
 capture_start "$TOVRIN_NS_AP" any -i any &&
     capture_start "$TOVRIN_NS_CTL" eth -i veth-ctl &&
     capture_start "$TOVRIN_NS_CTL" sll -i any -y LINUX_SLL || { fail "tcpdump starts"; e2e_done; exit 1; }
-start_daemon && start_listen 101 && ctl controller "$TOVRIN_CTL_IP" &&
-    wait_for "$WORK/listen-101.out" "^STATUS UP" || { fail "link comes up"; e2e_done; exit 1; }
+link_up --key "$KEY" || { fail "link comes up"; e2e_done; exit 1; }
 SIM="$WORK/sim.out" LISTEN="$WORK/listen-101.out"
 
 check_eq "uplink plain" "$(send 102 --from 105 --ack "hello controller")" delivered
@@ -79,21 +77,14 @@ n=$(grep -oE 'MSG ap_trans=[0-9]+ .*data="resent uplink"' "$SIM" | grep -oE 'ap_
 tx=$((1 + $(count_of "$SIM" "< .* $n data_len=[0-9]+ DATA repeat")))
 check "the resent message came again" test "$tx" -ge 2
 
+# tests/captures reads the committed captures in full; here both tools read this run's.
 for cap in any.pcap eth.pcapng sll.pcap; do
     f="$WORK/$cap"
-    frames=$(tshark_lua -r "$f" | wc -l)
-    check_eq "$cap: every datagram dissects as tovrin" "$(tshark_lua -r "$f" -2 -Y tovrin | wc -l)" "$frames"
-    tshark_lua -r "$f" -2 -V >"$WORK/$cap.tshark"
-    check_eq "$cap: no Lua error, nothing malformed" "$(grep -ciE 'lua error|malformed' "$WORK/$cap.tshark")" 0
-    check_eq "$cap: no warning, no error" "$(tshark_lua -r "$f" -2 -Y '_ws.expert.severity >= warning' | wc -l)" 0
+    check_eq "$cap: every datagram tovrin, no warning, no error" \
+        "$(tshark_lua -r "$f" -2 -Y '!tovrin || _ws.expert.severity >= warning' | wc -l)" 0
     # Nine messages, one of them sent more than once: each transmission is shown whole.
     check_eq "$cap: every message reassembled" "$(tshark_lua -r "$f" -2 -Y 'tovrin.msg.type' | wc -l)" $((8 + tx))
-
     "$TOVRIN_PCAP_BIN" --key "$KEY" "$f" >"$WORK/$cap.txt"
-    for text in "secret uplink" "secret downlink" "resent uplink"; do
-        check "$cap: tovrin-pcap --key prints \"$text\" with its digest checked" \
-            has_line "$WORK/$cap.txt" " enc .* md5=ok .*data=\"$text\"\$"
-    done
     check "$cap: summary" has_line "$WORK/$cap.txt" "^# summary messages=9 up=5 down=4 plain=5 enc=4 md5_ok=4 md5_bad=0 unchecked=0 bad=0 retransmissions=$((tx - 1)) acks_missing=0 frags_lost=0 incomplete=0 .* malformed=0 "
 done
 

@@ -40,15 +40,11 @@ check "downlink encrypted: endpoint 101 gets the plaintext" \
 sim_cmd send 200 103 nobody
 sim_cmd send 200 101 after
 check "unknown endpoint dropped, ids go on" wait_for "$LISTEN" '^MSG id=100003 src=200 dst=101 len=5 data=after$'
-ctl notify 555
-JSON=$(ctl stats --json)
-j() { jq -r "$1" <<<"$JSON"; }
-check_eq "counters: link ups and downs, uplink accepted, acked, failed, downlink delivered, dropped" \
-    "$(j '"\(.link_ups) \(.link_downs) \(.up_messages_accepted) \(.up_messages_acked) \(.up_messages_failed) \(.down_messages_delivered) \(.down_messages_dropped)"')" \
-    "1 0 4 4 0 3 1"
-check_eq "counters: refusals by reason, and their sum" \
-    "$(j '(.refused_by_reason | to_entries | map(select(.value > 0)) | map("\(.key)=\(.value)") | join(",")) + " \(.datagrams_refused)"')" \
-    "ipc_unknown_notification=1,app_unknown_endpoint=1 2"
+# The daemon's own record as tovrinctl reads it; each reason is counted in tests/daemon.
+check_eq "counters: link ups and downs, uplink accepted, acked, failed, downlink delivered, dropped, refused" \
+    "$(ctl stats --json | jq -r '[.link_ups, .link_downs, .up_messages_accepted, .up_messages_acked,
+        .up_messages_failed, .down_messages_delivered, .down_messages_dropped, .datagrams_refused] | join(" ")')" \
+    "1 0 4 4 0 3 1 1"
 
 # Queued messages fail towards their senders when the link is reset.
 sim_cmd ack off
@@ -62,15 +58,7 @@ ctl controller "$TOVRIN_CTL_IP"
 wait $q1; r1=$?
 wait $q2; r2=$?
 check_eq "both queued senders told failed" "$(cat "$WORK/q1") $r1 $(cat "$WORK/q2") $r2" "failed 1 failed 1"
-check "link reported DOWN, then UP again" wait_until 30 at_least "$LISTEN" '^STATUS UP' 2
-check "link reported DOWN" has_line "$LISTEN" '^STATUS DOWN'
 check_eq "each failure logged" "$(count_of "$WORK/tovrin.log" 'INFO: >>tovrin_ap_msg_failed')" 2
-
-# While the link is down a message is refused at once.
-sim_cmd ack on && sim_cmd reg off && sim_cmd ka off
-check "link goes down again" wait_until 60 at_least "$LISTEN" '^STATUS DOWN' 2
-check_eq "refused while down" "$(send 102 --from 109 --ack "too late")" failed
-check_eq "counters: uplink failed, link downs" "$(ctl stats --json | jq -r '"\(.up_messages_failed) \(.link_downs)"')" "2 2"
 
 kill -TERM "$TOVRIN_PID"
 wait "$TOVRIN_PID"

@@ -51,16 +51,14 @@ e2e_done() {
 }
 
 # Namespaces for tests that need the link; exit 77 (skipped) when they cannot be made.
-need_netns() { tovrin_netns_up "e2e$$" || { echo "skipped: the link tests need network namespaces"; exit 77; }; E2E_NS=1; }
+need_netns() { [ "$E2E_NS" = 1 ] || tovrin_netns_up "e2e$$" || { echo "skipped: the link tests need network namespaces"; exit 77; }; E2E_NS=1; }
 in_ap() { ip netns exec "$TOVRIN_NS_AP" "$@"; }
 ctl() { "$TOVRINCTL_BIN" "$@"; }
 send() { "$TOVRINCTL_BIN" --timeout 20000 send "$@"; }
 
-# Starts the daemon (in the AP namespace when one is up); waits for its endpoint.
+# Starts the daemon in the AP namespace; waits for its endpoint.
 start_daemon() {
-    local run=()
-    [ "$E2E_NS" = 1 ] && run=(ip netns exec "$TOVRIN_NS_AP")
-    "${run[@]}" "${TOVRIN_WRAP[@]}" "$TOVRIN_BIN" "${TOVRIN_ARGS[@]}" >"$WORK/tovrin.out" 2>&1 &
+    ip netns exec "$TOVRIN_NS_AP" "${TOVRIN_WRAP[@]}" "$TOVRIN_BIN" "${TOVRIN_ARGS[@]}" >"$WORK/tovrin.out" 2>&1 &
     TOVRIN_PID=$!
     E2E_PIDS+=($!)
     wait_until 30 test -S "$VK_IPC_ROOT/vk/ipc/tovrin" && return 0
@@ -93,16 +91,15 @@ sim_cmd() {
 }
 sim_said() { tail -n "+$1" "$WORK/sim.out" | grep -qE -- "$2"; }
 
-# Starts `tovrinctl listen ID` writing to $WORK/listen-ID.out.
+# Starts `tovrinctl listen ID` writing to $WORK/listen-ID.out, its pid in LISTEN_PID.
 start_listen() {
-    # Started directly, not through a shell function, so $! is tovrinctl itself.
-    "$TOVRINCTL_BIN" listen "$1" >"$WORK/listen-$1.out" 2>&1 &
+    # In the AP namespace, whose socket queue length its socket takes; started
+    # directly, not through a shell function, so $! is tovrinctl itself.
+    ip netns exec "$TOVRIN_NS_AP" "$TOVRINCTL_BIN" listen "$1" >"$WORK/listen-$1.out" 2>&1 &
+    LISTEN_PID=$!
     E2E_PIDS+=($!)
-    wait_until 30 test -S "$VK_IPC_ROOT$(endpoint_path "$1")"
-}
-# The path of endpoint id, read from the tree's one table (relay/endpoint_table.h).
-endpoint_path() {
-    grep -o "{$1, \"[^\"]*\"}" "$E2E_ROOT/relay/endpoint_table.h" | cut -d'"' -f2
+    # The endpoint's path, read from the tree's one table.
+    wait_until 30 test -S "$VK_IPC_ROOT$(grep -o "{$1, \"[^\"]*\"}" "$E2E_ROOT/relay/endpoint_table.h" | cut -d'"' -f2)"
 }
 
 # Brings the link up: simulator (with ARGS), daemon, a listener on 101, the controller address.

@@ -40,44 +40,30 @@ link_up || { fail "link comes up"; e2e_done; exit 1; }
 pass "link comes up and endpoint 101 hears STATUS UP"
 SIM="$WORK/sim.out" LISTEN="$WORK/listen-101.out" LOG="$WORK/tovrin.log"
 
-check_eq "status shows the controller UP" "$(ctl status)" "controller $TOVRIN_CTL_IP link UP"
 check "registration request on the wire: 116 bytes with our identity" \
     has_line "$SIM" "< $TOVRIN_AP_IP:6650 flags=0xa0 frag=0 ctlr_trans=0 ap_trans=0 data_len=104 REG-REQ serial=E2E-SERIAL mac=02:00:5e:10:00:01 uptime=[0-9]+ name=Testserver ka_rate=5000"
 check "keepalive request on the wire: 48 bytes" \
     wait_for "$SIM" "< $TOVRIN_AP_IP:6650 flags=0xa0 frag=0 ctlr_trans=0 ap_trans=0 data_len=36 KA-REQ serial=E2E-SERIAL mac=02:00:5e:10:00:01 uptime=[0-9]+ ka_rate=5000"
-ctl karate 107 2000
-check "a shorter rate reaches the controller at once" wait_for "$SIM" "KA-REQ .* ka_rate=2000"
-ctl karate 107 0
 
 # The controller goes silent: unanswered keepalives take the link down.
 sim_cmd reg off && sim_cmd ka off
 check "link goes DOWN when keepalives stop" wait_for "$LISTEN" "^STATUS DOWN controller $TOVRIN_CTL_IP"
 check_eq "status shows DOWN" "$(ctl status)" "controller $TOVRIN_CTL_IP link DOWN"
-n=$(count_of "$SIM" "REG-REQ")
-check "registration requests resume after the loss" wait_until 30 at_least "$SIM" REG-REQ $((n + 2))
 
 # The controller answers again: the link returns by itself.
 sim_cmd reg on && sim_cmd ka on
 check "link comes back UP by itself" wait_until 30 at_least "$LISTEN" '^STATUS UP' 2
-check_eq "status shows UP again" "$(ctl status)" "controller $TOVRIN_CTL_IP link UP"
-check "status reports carry the keepalive count as id" has_line "$LISTEN" "^STATUS UP controller $TOVRIN_CTL_IP id [1-9][0-9]*$"
 if [ "$SYSLOG" = 1 ]; then
     st() { grep -o "^pid=$TOVRIN_PID <14>.*AP-Ctrl Tunl Status [A-Z]* CtrlIP [0-9.]*" "$WORK/syslog.out" | sed 's/.*: AP/AP/' | tr '\n' ,; }
     check_eq "each change is one system-log line at LOG_INFO" "$(st)" \
         "AP-Ctrl Tunl Status UP CtrlIP $TOVRIN_CTL_IP,AP-Ctrl Tunl Status DOWN CtrlIP $TOVRIN_CTL_IP,AP-Ctrl Tunl Status UP CtrlIP $TOVRIN_CTL_IP,"
 fi
 
-# The controller's DRAV IP message is logged and changes nothing.
-sim_cmd dravip 203.0.113.9
-check "DRAV IP message logged" wait_for "$LOG" "Recvd dravipmsg with 203.0.113.9 in mode 0"
-check_eq "link still UP with its old controller" "$(ctl status)" "controller $TOVRIN_CTL_IP link UP"
-
 # A second daemon finds the endpoint taken and ends, leaving the first one's log alone.
 sum=$(md5sum "$LOG")
 mkdir -p "$WORK/second"
 in_ap env VK_LOG_DIR="$WORK/second" timeout 20 "$TOVRIN_BIN" >"$WORK/second.out" 2>&1
 check_eq "a second daemon exits with status 1" "$?" 1
-check "it logs why" has_line "$WORK/second/tovrin.log" 'IPC open failure 98'
 check_eq "the first daemon's log is untouched" "$(md5sum "$LOG")" "$sum"
 
 # Signals: only SIGTERM and SIGINT end the daemon; SIGUSR1 logs the counters,
