@@ -115,7 +115,6 @@ TEST_F(Node, SerialNumberFromEnvironmentOrFile) {
         std::string expected;  // size bytes; empty: must fail
     };
     const Case cases[] = {
-        {"SN-TEST-0001", std::nullopt, 16, std::string("SN-TEST-0001\0\0\0\0", 16)},
         {"0123456789ABCDEFGH", dir / "serial", 16, "0123456789ABCDEF"},  // cut to size
         {"", dir / "serial", 16, std::string("HX7-2231\0\0\0\0\0\0\0\0", 16)},  // empty counts as unset
         {std::nullopt, dir / "crlf", 8, std::string("CRLF-1\0\0", 8)},
