@@ -89,7 +89,7 @@ void deliver_signals() {
 // real loop. Each is removed before its call, so it may re-arm or cancel freely.
 void run_due_timeouts() {
     World &w = world();
-    const uint64_t seq_limit = w.next_timeout_seq;
+    const uint64_t seq_limit = w.next_seq;
     while (!stopped() && !w.timeouts.empty()) {
         const Timeout t = w.timeouts.front();
         if (t.expiry_us > w.now_us || t.seq >= seq_limit) return;
@@ -111,7 +111,14 @@ bool pass_and_advance(uint64_t end) {
     return true;
 }
 
-bool matches(void *want, void *have) { return want == VK_ELOOP_ANY || want == have; }
+// Enters a read or write registration; registering again replaces the handler
+// and contexts, as in the real loop.
+int register_sock(std::map<int, SockReg> &socks, int sock, vk_eloop_sock_handler handler, void *ctx1, void *ctx2) {
+    if (sock < 0 || !handler) return fail(EINVAL);
+    if (!find_socket(sock)) return fail(EBADF);  // not of the world: epoll would refuse it too
+    socks[sock] = SockReg{handler, ctx1, ctx2};
+    return 0;
+}
 
 }  // namespace
 
@@ -164,26 +171,14 @@ int vk_eloop_register_signal(int sig, vk_eloop_signal_handler handler, void *ctx
     return 0;
 }
 
-namespace {
-// Enters a read or write registration into socks; registering again replaces
-// the handler and contexts, as in the real loop.
-int register_sock(std::map<int, sim::SockReg> &socks, int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
-                  void *sock_ctx) {
-    if (sock < 0 || !handler) return fail(EINVAL);
-    if (!sim::find_socket(sock)) return fail(EBADF);  // not of the world: epoll would refuse it too
-    socks[sock] = sim::SockReg{handler, eloop_ctx, sock_ctx};
-    return 0;
-}
-}  // namespace
-
 int vk_eloop_register_read_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx, void *sock_ctx) {
-    return register_sock(world().read_socks, sock, handler, eloop_ctx, sock_ctx);
+    return sim::register_sock(world().read_socks, sock, handler, eloop_ctx, sock_ctx);
 }
 
 void vk_eloop_unregister_read_sock(int sock) { world().read_socks.erase(sock); }
 
 int vk_eloop_register_write_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx, void *sock_ctx) {
-    return register_sock(world().write_socks, sock, handler, eloop_ctx, sock_ctx);
+    return sim::register_sock(world().write_socks, sock, handler, eloop_ctx, sock_ctx);
 }
 
 void vk_eloop_unregister_write_sock(int sock) { world().write_socks.erase(sock); }
@@ -196,13 +191,14 @@ int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs, vk_eloop_ti
     // After every timeout with the same expiry: those were registered first.
     auto at = std::upper_bound(ts.begin(), ts.end(), expiry,
                                [](uint64_t e, const sim::Timeout &t) { return e < t.expiry_us; });
-    ts.insert(at, sim::Timeout{expiry, world().next_timeout_seq++, handler, eloop_ctx, user_ctx});
+    ts.insert(at, sim::Timeout{expiry, world().next_seq++, handler, eloop_ctx, user_ctx});
     return 0;
 }
 
 int vk_eloop_cancel_timeout(vk_eloop_timeout_handler handler, void *eloop_ctx, void *user_ctx) {
+    const auto matches = [](void *want, void *have) { return want == VK_ELOOP_ANY || want == have; };
     return static_cast<int>(std::erase_if(world().timeouts, [&](const sim::Timeout &t) {
-        return t.handler == handler && sim::matches(eloop_ctx, t.ctx1) && sim::matches(user_ctx, t.ctx2);
+        return t.handler == handler && matches(eloop_ctx, t.ctx1) && matches(user_ctx, t.ctx2);
     }));
 }
 

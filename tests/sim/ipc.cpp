@@ -37,11 +37,7 @@ void set_flag(std::set<std::string> &paths, const std::string &path, bool on) {
 }
 
 void queue_for(const std::string &to, std::vector<uint8_t> bytes, const std::string &sender, int from = -1) {
-    const int fd = ipc_fd_of(to);
-    if (fd < 0) return;
-    const std::size_t charge = bytes.size() + kIpcDatagramOverhead;
-    if (Socket *s = find_socket(from)) s->charged += charge;
-    push_input(*find_socket(fd), Pending{0, std::move(bytes), 0, 0, sender, from, charge});
+    if (Socket *s = find_socket(ipc_fd_of(to))) push_input(*s, Pending{0, std::move(bytes), 0, 0, sender, from});
 }
 
 // The sending socket of handle fd own for peer, made on first use; -1 with errno.
@@ -66,22 +62,23 @@ int send(vk_ipc_send_desc_t *d, bool resp) {
     if (int err = path_text(d->peer, peer)) return fail(err);
     const Socket *own = ipc_socket(d->handle);
     if (!own) return fail(EBADF);
-    const bool missing = world().ipc_missing.count(peer) > 0, full = world().ipc_full.count(peer) > 0;
-    world().ipc_sent.push_back(IpcSent{world().now_us, d->kind, peer, m.type, m.len, m.flags,
-                                       std::vector<uint8_t>(m.payload, m.payload + m.len), !missing && !full,
-                                       !missing && full, false});
-    if (missing || full) return fail(missing ? ENOENT : EAGAIN);
+    World &w = world();
+    w.ipc_sent.push_back(IpcSent{w.now_us, d->kind, peer, m.type, m.len, m.flags,
+                                 std::vector<uint8_t>(m.payload, m.payload + m.len), false, false, false});
+    IpcSent &rec = w.ipc_sent.back();
+    if (w.ipc_missing.count(peer)) return fail(ENOENT);
+    rec.full = w.ipc_full.count(peer) > 0;
+    if (rec.full) return fail(EAGAIN);
     const int from = resp ? d->handle->sock : peer_sock(d->handle->sock, peer);
     if (from < 0) return -1;
-    const bool room = has_room(*find_socket(from), peer);
-    IpcSent &rec = world().ipc_sent.back();
-    rec.delivered = room;
-    rec.full = !room;
-    if (!room)
-        for (const auto &[fd, o] : world().sockets)
+    rec.full = !has_room(from, peer);
+    if (rec.full) {
+        for (const auto &[fd, o] : w.sockets)
             if (o.path != peer)
                 for (const Pending &p : o.input) rec.held_by_other = rec.held_by_other || p.charged_to == from;
-    if (!room) return fail(EAGAIN);
+        return fail(EAGAIN);
+    }
+    rec.delivered = true;
     const auto *raw = reinterpret_cast<const uint8_t *>(&m);
     queue_for(peer, std::vector<uint8_t>(raw, raw + VK_IPC_HDR_LEN + m.len), own->path, from);
     return 0;
@@ -111,11 +108,6 @@ void ipc_fail_open(int err) { world().ipc_fail_open = err; }
 
 void ipc_set_queue_len(const std::string &path, std::size_t len) {
     if (Socket *s = find_socket(ipc_fd_of(path))) s->queue_len = len;
-}
-
-std::size_t ipc_queued(const std::string &path) {
-    const Socket *s = find_socket(ipc_fd_of(path));
-    return s ? s->input.size() : 0;
 }
 
 bool ipc_is_open(const std::string &path) { return ipc_fd_of(path) >= 0; }
@@ -166,7 +158,6 @@ int vk_ipc_recv_large(fd_set *set, vk_ipc_recv_desc_t *rec, uint8_t *received) {
     if (!set || !FD_ISSET(fd, set) || s->input.empty()) return 0;
     const sim::Pending p = std::move(s->input.front());
     s->input.pop_front();
-    sim::uncharge(p);
     // The buffer holds at most one whole envelope; the check sees the true
     // size, so an oversized datagram is refused rather than cut.
     if (!p.bytes.empty()) std::memcpy(rec->msg, p.bytes.data(), std::min(p.bytes.size(), VK_IPC_MSG_MAX));
