@@ -21,49 +21,41 @@ bool still_pending(int fd, uint64_t seq) {
     return s && std::any_of(s->input.begin(), s->input.end(), [seq](const Pending &p) { return p.seq == seq; });
 }
 
-// Calls the write handler of every registered socket that has room, once.
-// True when one of them did something: sent, or changed registrations.
-bool handle_writable() {
-    World &w = world();
-    std::vector<int> ready;
-    for (const auto &[fd, ws] : w.write_socks)
-        if (writable(fd)) ready.push_back(fd);
-    bool acted = false;
-    for (int fd : ready) {
-        if (stopped()) break;
-        auto it = w.write_socks.find(fd);
-        if (it == w.write_socks.end() || !writable(fd)) continue;
-        const SockReg ws = it->second;
-        const std::size_t sends = w.ipc_sent.size() + w.udp_sent.size(), regs = w.write_socks.size();
-        ws.handler(fd, ws.ctx1, ws.ctx2);
-        acted = acted || sends != w.ipc_sent.size() + w.udp_sent.size() || regs != w.write_socks.size();
-    }
-    return acted;
+// Calls the handler fd has in socks, if it still has one; false when it has
+// none or the loop is stopped.
+bool call(const std::map<int, SockReg> &socks, int fd) {
+    auto it = socks.find(fd);
+    if (stopped() || it == socks.end()) return false;
+    const SockReg r = it->second;
+    r.handler(fd, r.ctx1, r.ctx2);
+    return true;
 }
 
-// Calls the handler of every registered socket once per pending datagram, in
-// injection order, then the handlers of sockets with room to write, then again
-// for what the callbacks left or added, until a pass changes nothing. A
-// handler that never reads cannot hang the world.
+// Calls the read handler of every socket once per pending datagram, in
+// injection order, then the write handler of every socket with room, then
+// again for what the callbacks left or added, until a pass changes nothing:
+// nothing read, sent or (un)registered for writing. So a handler that never
+// reads cannot hang the world.
 void handle_sockets() {
     World &w = world();
-    for (;;) {
+    for (bool acted = true; acted && !stopped();) {
+        acted = false;
         std::vector<std::pair<uint64_t, int>> due;
         for (const auto &[fd, rs] : w.read_socks)
             if (const Socket *s = find_socket(fd))
                 for (const Pending &p : s->input) due.emplace_back(p.seq, fd);
         std::sort(due.begin(), due.end());
-        bool consumed = false;
-        for (const auto &[seq, fd] : due) {
-            if (stopped()) return;
-            // Earlier callbacks may have read it, closed fd or unregistered it.
-            auto it = w.read_socks.find(fd);
-            if (it == w.read_socks.end() || !still_pending(fd, seq)) continue;
-            const SockReg rs = it->second;
-            rs.handler(fd, rs.ctx1, rs.ctx2);
-            consumed = consumed || !still_pending(fd, seq);
+        // Earlier callbacks may have read it, closed fd or unregistered it.
+        for (const auto &[seq, fd] : due)
+            if (still_pending(fd, seq) && call(w.read_socks, fd)) acted = acted || !still_pending(fd, seq);
+        std::vector<int> ready;
+        for (const auto &[fd, ws] : w.write_socks)
+            if (writable(fd)) ready.push_back(fd);
+        for (int fd : ready) {
+            const std::size_t sends = w.ipc_sent.size() + w.udp_sent.size(), regs = w.write_socks.size();
+            if (writable(fd) && call(w.write_socks, fd))
+                acted = acted || sends != w.ipc_sent.size() + w.udp_sent.size() || regs != w.write_socks.size();
         }
-        if (stopped() || (!handle_writable() && !consumed)) return;
     }
 }
 
@@ -166,7 +158,8 @@ int vk_eloop_init(void *) {
 }
 
 int vk_eloop_register_signal(int sig, vk_eloop_signal_handler handler, void *ctx) {
-    if (sig <= 0 || sig > 64 || sig == SIGTERM || sig == SIGINT || sig == SIGKILL || sig == SIGSTOP) return fail(EINVAL);
+    if (sig <= 0 || sig > 64 || sig == SIGTERM || sig == SIGINT || sig == SIGKILL || sig == SIGSTOP)
+        return fail(EINVAL);
     world().signals[sig] = sim::SignalReg{handler, ctx};
     return 0;
 }
