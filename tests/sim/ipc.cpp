@@ -1,9 +1,8 @@
 // In-memory local IPC: endpoints by path on fake descriptors. Every send is
-// captured; sends to an endpoint open in the world are also delivered to it,
-// within that endpoint's queue length and charged to the sending socket's
-// budget until read, as the kernel does. Notifications go from a sending
-// socket per destination, responses from the handle's own endpoint; the
-// receiver sees the handle's path as the sender of both.
+// captured, and delivered to the endpoint if one is open at its path, as the
+// kernel does: within its queue length and the sending socket's budget.
+// Notifications go from a sending socket per destination, responses from the
+// handle's own endpoint; the receiver sees the handle's path as both senders.
 #include <algorithm>
 #include <cstring>
 #include <utility>
@@ -29,13 +28,6 @@ const Socket *ipc_socket(const vk_ipc_handle_t *h) {
     return s && s->ipc ? s : nullptr;
 }
 
-void set_flag(std::set<std::string> &paths, const std::string &path, bool on) {
-    if (on)
-        paths.insert(path);
-    else
-        paths.erase(path);
-}
-
 void queue_for(const std::string &to, std::vector<uint8_t> bytes, const std::string &sender, int from = -1) {
     if (Socket *s = find_socket(ipc_fd_of(to))) push_input(*s, Pending{0, std::move(bytes), 0, 0, sender, from});
 }
@@ -44,13 +36,7 @@ void queue_for(const std::string &to, std::vector<uint8_t> bytes, const std::str
 int peer_sock(int own, const std::string &peer) {
     for (const auto &[fd, s] : world().sockets)
         if (s.ipc && s.owner == own && s.peer == peer) return fd;
-    const int fd = alloc_fd();
-    if (fd < 0) return fail(EMFILE);
-    Socket &s = world().sockets[fd];
-    s.ipc = true;
-    s.owner = own;
-    s.peer = peer;
-    return fd;
+    return open_socket(Socket{.ipc = true, .owner = own, .peer = peer});
 }
 
 int send(vk_ipc_send_desc_t *d, bool resp) {
@@ -66,8 +52,8 @@ int send(vk_ipc_send_desc_t *d, bool resp) {
     w.ipc_sent.push_back(IpcSent{w.now_us, d->kind, peer, m.type, m.len, m.flags,
                                  std::vector<uint8_t>(m.payload, m.payload + m.len), false, false, false});
     IpcSent &rec = w.ipc_sent.back();
-    if (w.ipc_missing.count(peer)) return fail(ENOENT);
-    rec.full = w.ipc_full.count(peer) > 0;
+    if (w.ipc_missing[peer]) return fail(ENOENT);
+    rec.full = w.ipc_full[peer];
     if (rec.full) return fail(EAGAIN);
     const int from = resp ? d->handle->sock : peer_sock(d->handle->sock, peer);
     if (from < 0) return -1;
@@ -101,8 +87,8 @@ void ipc_inject_raw(std::vector<uint8_t> bytes, const std::string &sender, const
     queue_for(to, std::move(bytes), sender);
 }
 
-void ipc_set_missing(const std::string &path, bool missing) { set_flag(world().ipc_missing, path, missing); }
-void ipc_set_full(const std::string &path, bool full) { set_flag(world().ipc_full, path, full); }
+void ipc_set_missing(const std::string &path, bool missing) { world().ipc_missing[path] = missing; }
+void ipc_set_full(const std::string &path, bool full) { world().ipc_full[path] = full; }
 
 void ipc_fail_open(int err) { world().ipc_fail_open = err; }
 
@@ -124,13 +110,8 @@ int vk_ipc_open(vk_ipc_handle_t *h) {
     if (int err = std::exchange(world().ipc_fail_open, 0)) return fail(err);
     if (int err = sim::path_text(h->path, path)) return fail(err);
     if (sim::ipc_is_open(path)) return fail(EADDRINUSE);
-    const int fd = sim::alloc_fd();
-    if (fd < 0) return fail(EMFILE);
-    sim::Socket &s = world().sockets[fd];
-    s.ipc = true;
-    s.path = path;
-    h->sock = fd;
-    return 0;
+    h->sock = sim::open_socket(sim::Socket{.ipc = true, .path = path});
+    return h->sock < 0 ? -1 : 0;
 }
 
 void vk_ipc_close(vk_ipc_handle_t *h) {

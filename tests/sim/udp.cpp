@@ -67,10 +67,7 @@ int vk_os_socket(int domain, int type, int protocol) {
     if (domain != AF_INET) return fail(EAFNOSUPPORT);
     if ((type & ~(SOCK_NONBLOCK | SOCK_CLOEXEC)) != SOCK_DGRAM || (protocol != 0 && protocol != IPPROTO_UDP))
         return fail(EPROTONOSUPPORT);
-    const int fd = sim::alloc_fd();
-    if (fd < 0) return fail(EMFILE);
-    world().sockets[fd] = sim::Socket{};
-    return fd;
+    return sim::open_socket(sim::Socket{});
 }
 
 int vk_os_bind(int fd, const struct sockaddr *addr, socklen_t len) {

@@ -12,10 +12,12 @@ World &world() {
 
 void reset() { world() = World{}; }
 
-int alloc_fd() {
-    int fd = kFirstFd;  // the lowest free number, as the kernel hands them out
+int open_socket(Socket s) {
+    int fd = kFirstFd;
     while (world().sockets.count(fd)) ++fd;
-    return fd <= kLastFd ? fd : -1;
+    if (fd > kLastFd) return fail(EMFILE);
+    world().sockets[fd] = std::move(s);
+    return fd;
 }
 
 Socket *find_socket(int fd) {
@@ -47,7 +49,7 @@ bool has_room(int from, const std::string &peer) {
 
 bool writable(int fd) {
     const Socket *s = find_socket(fd);
-    return s && (!s->ipc || (!world().ipc_full.count(s->peer) && has_room(fd, s->peer)));
+    return s && (!s->ipc || (!world().ipc_full[s->peer] && has_room(fd, s->peer)));
 }
 
 void push_input(Socket &s, Pending p) {

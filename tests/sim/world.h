@@ -5,7 +5,6 @@
 #include <deque>
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -34,12 +33,12 @@ struct Pending {
 };
 
 struct Socket {
-    bool ipc = false;   // else UDP
-    uint16_t port = 0;  // UDP: bound port, 0 while unbound
-    std::string path;   // IPC: endpoint path; empty for a sending socket
-    std::deque<Pending> input;
+    bool ipc = false;    // else UDP
+    uint16_t port = 0;   // UDP: bound port, 0 while unbound
+    std::string path{};  // IPC: endpoint path; empty for a sending socket
+    std::deque<Pending> input{};
     int owner = -1;  // IPC sending socket: of handle fd owner, connected to endpoint peer
-    std::string peer;
+    std::string peer{};
     std::size_t queue_len = kIpcDefaultQueueLen;
 };
 
@@ -73,7 +72,7 @@ struct World {
     bool udp_burst_missing = false;
 
     std::vector<IpcSent> ipc_sent;
-    std::set<std::string> ipc_missing, ipc_full;
+    std::map<std::string, bool> ipc_missing, ipc_full;  // by peer path
     int ipc_fail_open = 0;
 
     std::vector<SyslogLine> syslog;
@@ -91,7 +90,7 @@ inline int fail(int err) {
     return -1;
 }
 
-int alloc_fd();  // lowest free fake descriptor, or -1 when all are taken
+int open_socket(Socket s);  // on the lowest free fake descriptor, as the kernel hands them out; -1 with errno
 Socket *find_socket(int fd);
 bool close_fd(int fd);                   // drops the socket and its registrations; false when not open
 void push_input(Socket &s, Pending p);   // stamped with the next injection number
