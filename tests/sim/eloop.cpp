@@ -1,9 +1,9 @@
-// The event loop on the virtual clock: same ordering rules as the real one
-// (at each instant the timeouts due first, then the sockets ready), but time
-// only moves when a timeout is due or a run_for ends.
+// The event loop on the virtual clock: the real one's ordering (at each instant
+// the timeouts due, then the sockets ready), but time jumps to the next expiry.
 #include <algorithm>
 #include <csignal>
 #include <cstdint>
+#include <set>
 #include <utility>
 
 #include "platform/eloop.h"
@@ -21,8 +21,7 @@ bool still_pending(int fd, uint64_t seq) {
     return s && std::any_of(s->input.begin(), s->input.end(), [seq](const Pending &p) { return p.seq == seq; });
 }
 
-// Calls the handler fd has in socks, if it still has one; false when it has
-// none or the loop is stopped.
+// False when fd has no handler in socks any more or the loop is stopped.
 bool call(const std::map<int, SockReg> &socks, int fd) {
     auto it = socks.find(fd);
     if (stopped() || it == socks.end()) return false;
@@ -31,11 +30,9 @@ bool call(const std::map<int, SockReg> &socks, int fd) {
     return true;
 }
 
-// Calls the read handler of every socket once per pending datagram, in
-// injection order, then the write handler of every socket with room, then
-// again for what the callbacks left or added, until a pass changes nothing:
-// nothing read, sent or (un)registered for writing. So a handler that never
-// reads cannot hang the world.
+// Read handlers once per pending datagram in injection order, then write
+// handlers of sockets with room, again until a round reads, sends and
+// (un)registers nothing: a handler that never reads cannot hang the world.
 void handle_sockets() {
     World &w = world();
     for (bool acted = true; acted && !stopped();) {
@@ -63,12 +60,8 @@ void handle_sockets() {
 // loop does; a termination wins over the others.
 void deliver_signals() {
     World &w = world();
-    std::vector<int> raised;
-    raised.swap(w.raised);
-    std::sort(raised.begin(), raised.end());
-    raised.erase(std::unique(raised.begin(), raised.end()), raised.end());
-    for (int sig : raised)
-        if (sig == SIGTERM || sig == SIGINT) w.terminate = true;
+    const std::set<int> raised = std::exchange(w.raised, {});
+    if (raised.count(SIGTERM) || raised.count(SIGINT)) w.terminate = true;
     for (int sig : raised) {
         if (w.terminate) return;
         auto it = w.signals.find(sig);
@@ -103,8 +96,7 @@ bool pass_and_advance(uint64_t end) {
     return true;
 }
 
-// Enters a read or write registration; registering again replaces the handler
-// and contexts, as in the real loop.
+// Registering again replaces the handler and contexts, as in the real loop.
 int register_sock(std::map<int, SockReg> &socks, int sock, vk_eloop_sock_handler handler, void *ctx1, void *ctx2) {
     if (sock < 0 || !handler) return fail(EINVAL);
     if (!find_socket(sock)) return fail(EBADF);  // not of the world: epoll would refuse it too
@@ -123,9 +115,7 @@ void run_for(uint64_t us) {
     w.now_us = end;
 }
 
-void settle() { run_for(0); }
-
-void raise_signal(int sig) { world().raised.push_back(sig); }
+void raise_signal(int sig) { world().raised.insert(sig); }
 
 std::size_t pending_timeouts() { return world().timeouts.size(); }
 

@@ -1,7 +1,6 @@
 #pragma once
 // Payloads of the IPC commands local daemons send to tovrin, host order as on
-// the device. Shared by the daemon's tests, the fuzz targets and the
-// simulation; nothing here depends on a test framework.
+// the device; for tests, fuzz targets and the simulation.
 #include <cstddef>
 #include <cstdint>
 #include <vector>

@@ -1,4 +1,4 @@
-// Node information of the simulated access point: fixed values a test may change.
+// Node information of the simulated access point.
 #include <algorithm>
 #include <cstring>
 #include <utility>
@@ -8,8 +8,7 @@
 
 namespace sim {
 
-// The real service writes twelve digits and a NUL; the sim hands out what the
-// test set, so a test can also feed the daemon malformed text.
+// Handed out as set, so a test can also feed the daemon malformed text.
 void node_set_mac(std::optional<std::string> text) { world().mac = std::move(text); }
 
 void node_set_serial(const std::string &serial) { world().serial = serial; }

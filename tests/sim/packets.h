@@ -1,9 +1,7 @@
 #pragma once
-// Datagrams a simulated controller sends, for the daemon's tests, the fuzz
-// targets and the simulation. Well-formed data payloads, fragments and
-// acknowledgements come from drav-sim's codec (tools/drav-sim/), so the wire
-// format is encoded in one place; frame() and ctrl_packet() also make the
-// malformed datagrams the tests need. Nothing here depends on a test framework.
+// Datagrams a simulated controller sends, for tests, fuzz targets and the
+// simulation. Well-formed ones come from drav-sim's codec so the wire format
+// is encoded in one place; frame() and ctrl_packet() also make malformed ones.
 #include <cstddef>
 #include <cstdint>
 #include <vector>

@@ -23,7 +23,7 @@ uint64_t now_us();  // virtual time since reset()
 // clock to each timeout's expiry; ends with the clock at start + us.
 void run_for(uint64_t us);
 inline void run_for_ms(uint64_t ms) { run_for(ms * 1000); }
-void settle();  // run_for(0): what is due now, the clock standing still
+inline void settle() { run_for(0); }  // what is due now, the clock standing still
 // Sends sig to the daemon: handled at the next settle()/run_for() or round of
 // vk_eloop_run, before readable sockets, as the real loop reads its signal
 // pipe. SIGTERM and SIGINT end vk_eloop_run; a signal nobody took is lost.

@@ -5,6 +5,7 @@
 #include <deque>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -65,7 +66,7 @@ struct World {
     std::map<int, SockReg> read_socks, write_socks;
     std::map<int, Socket> sockets;
     std::map<int, SignalReg> signals;  // null handler: ignored
-    std::vector<int> raised;           // not yet handled, oldest first
+    std::set<int> raised;              // not yet handled
 
     std::vector<Datagram> udp_sent;
     int udp_fail_socket = 0, udp_fail_bind = 0;
