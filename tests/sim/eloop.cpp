@@ -76,8 +76,8 @@ void run_due_timeouts() {
     World &w = world();
     const uint64_t seq_limit = w.next_seq;
     while (!stopped() && !w.timeouts.empty()) {
-        const Timeout t = w.timeouts.front();
-        if (t.expiry_us > w.now_us || t.seq >= seq_limit) return;
+        const auto [expiry, t] = *w.timeouts.begin();
+        if (expiry > w.now_us || t.seq >= seq_limit) return;
         w.timeouts.erase(w.timeouts.begin());
         t.handler(t.ctx1, t.ctx2);
     }
@@ -91,8 +91,8 @@ bool pass_and_advance(uint64_t end) {
     deliver_signals();
     if (!stopped()) run_due_timeouts();
     if (!stopped()) handle_sockets();
-    if (stopped() || w.timeouts.empty() || w.timeouts.front().expiry_us > end) return false;
-    w.now_us = std::max(w.now_us, w.timeouts.front().expiry_us);
+    if (stopped() || w.timeouts.empty() || w.timeouts.begin()->first > end) return false;
+    w.now_us = std::max(w.now_us, w.timeouts.begin()->first);
     return true;
 }
 
@@ -121,12 +121,12 @@ std::size_t pending_timeouts() { return world().timeouts.size(); }
 
 std::size_t pending_timeouts(vk_eloop_timeout_handler h) {
     const auto &ts = world().timeouts;
-    return std::count_if(ts.begin(), ts.end(), [h](const Timeout &t) { return t.handler == h; });
+    return std::count_if(ts.begin(), ts.end(), [h](const auto &e) { return e.second.handler == h; });
 }
 
 std::optional<uint64_t> next_timeout_of(vk_eloop_timeout_handler h) {
-    for (const Timeout &t : world().timeouts)
-        if (t.handler == h) return t.expiry_us;
+    for (const auto &[expiry, t] : world().timeouts)
+        if (t.handler == h) return expiry;
     return std::nullopt;
 }
 
@@ -169,18 +169,15 @@ void vk_eloop_unregister_write_sock(int sock) { world().write_socks.erase(sock);
 int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs, vk_eloop_timeout_handler handler, void *eloop_ctx,
                               void *user_ctx) {
     if (!handler) return fail(EINVAL);
-    auto &ts = world().timeouts;
     const uint64_t expiry = world().now_us + uint64_t{secs} * 1000000 + usecs;
-    // After every timeout with the same expiry: those were registered first.
-    auto at = std::upper_bound(ts.begin(), ts.end(), expiry,
-                               [](uint64_t e, const sim::Timeout &t) { return e < t.expiry_us; });
-    ts.insert(at, sim::Timeout{expiry, world().next_seq++, handler, eloop_ctx, user_ctx});
+    world().timeouts.emplace(expiry, sim::Timeout{world().next_seq++, handler, eloop_ctx, user_ctx});
     return 0;
 }
 
 int vk_eloop_cancel_timeout(vk_eloop_timeout_handler handler, void *eloop_ctx, void *user_ctx) {
     const auto matches = [](void *want, void *have) { return want == VK_ELOOP_ANY || want == have; };
-    return static_cast<int>(std::erase_if(world().timeouts, [&](const sim::Timeout &t) {
+    return static_cast<int>(std::erase_if(world().timeouts, [&](const auto &e) {
+        const sim::Timeout &t = e.second;
         return t.handler == handler && matches(eloop_ctx, t.ctx1) && matches(user_ctx, t.ctx2);
     }));
 }

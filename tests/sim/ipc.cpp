@@ -96,8 +96,6 @@ void ipc_set_queue_len(const std::string &path, std::size_t len) {
     if (Socket *s = find_socket(ipc_fd_of(path))) s->queue_len = len;
 }
 
-bool ipc_is_open(const std::string &path) { return ipc_fd_of(path) >= 0; }
-
 }  // namespace sim
 
 using sim::fail;
@@ -109,7 +107,7 @@ int vk_ipc_open(vk_ipc_handle_t *h) {
     std::string path;
     if (int err = std::exchange(world().ipc_fail_open, 0)) return fail(err);
     if (int err = sim::path_text(h->path, path)) return fail(err);
-    if (sim::ipc_is_open(path)) return fail(EADDRINUSE);
+    if (sim::ipc_fd_of(path) >= 0) return fail(EADDRINUSE);
     h->sock = sim::open_socket(sim::Socket{.ipc = true, .path = path});
     return h->sock < 0 ? -1 : 0;
 }

@@ -83,7 +83,6 @@ void ipc_set_full(const std::string &path, bool full);
 // when it was made; default kernel's 10).
 void ipc_set_queue_len(const std::string &path, std::size_t len);
 void ipc_fail_open(int err);  // the next vk_ipc_open (0 disarms)
-bool ipc_is_open(const std::string &path);
 
 // ---- syslog ----
 struct SyslogLine {

@@ -44,7 +44,7 @@ struct Socket {
 };
 
 struct Timeout {
-    uint64_t expiry_us, seq;
+    uint64_t seq;
     vk_eloop_timeout_handler handler;
     void *ctx1, *ctx2;
 };
@@ -62,7 +62,7 @@ struct SignalReg {
 struct World {
     uint64_t now_us = 0, next_seq = 0;  // next_seq orders both injections and timeout registrations
     bool terminate = false;
-    std::vector<Timeout> timeouts;  // by expiry, then registration order
+    std::multimap<uint64_t, Timeout> timeouts;  // by expiry, equal ones in registration order
     std::map<int, SockReg> read_socks, write_socks;
     std::map<int, Socket> sockets;
     std::map<int, SignalReg> signals;  // null handler: ignored
