@@ -69,9 +69,8 @@ void deliver_signals() {
     }
 }
 
-// Runs the timeouts due now that were registered before this pass, in order;
-// one registered meanwhile with no delay waits for the next pass, as in the
-// real loop. Each is removed before its call, so it may re-arm or cancel freely.
+// As in the real loop, a timeout registered during this pass with no delay waits
+// for the next one. Each is removed before its call, so it may re-arm or cancel.
 void run_due_timeouts() {
     World &w = world();
     const uint64_t seq_limit = w.next_seq;
@@ -83,9 +82,8 @@ void run_due_timeouts() {
     }
 }
 
-// One pass at the current instant; then the clock moves to the next expiry
-// unless something is due now already or the next lies past end. False when
-// the clock cannot move (nothing pending, or past end).
+// One pass at the current instant, then the clock to the next expiry; false
+// when it cannot move (nothing pending, or the next past end).
 bool pass_and_advance(uint64_t end) {
     World &w = world();
     deliver_signals();
@@ -135,8 +133,7 @@ std::optional<uint64_t> next_timeout_of(vk_eloop_timeout_handler h) {
 using sim::fail;
 using sim::world;
 
-// As the real loop: calling it again starts afresh, no sockets watched, no
-// timeouts, not terminating. The clock and the sockets themselves stay.
+// As the real loop: calling it again starts afresh, but clock and sockets stay.
 int vk_eloop_init(void *) {
     sim::World &w = world();
     w.terminate = false;
@@ -182,8 +179,7 @@ int vk_eloop_cancel_timeout(vk_eloop_timeout_handler handler, void *eloop_ctx, v
     }));
 }
 
-// Runs until terminated or until nothing can happen any more: no timeout is
-// pending and no registered socket has input its handler will read.
+// Runs until terminated or until nothing can happen any more.
 void vk_eloop_run(void) {
     sim::World &w = world();
     sim::in_run = true;

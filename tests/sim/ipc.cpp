@@ -1,8 +1,6 @@
-// In-memory local IPC: endpoints by path on fake descriptors. Every send is
-// captured, and delivered to the endpoint if one is open at its path, as the
-// kernel does: within its queue length and the sending socket's budget.
-// Notifications go from a sending socket per destination, responses from the
-// handle's own endpoint; the receiver sees the handle's path as both senders.
+// In-memory local IPC. Every send is captured, and delivered to an endpoint
+// open at its path within its queue length and the sending socket's budget.
+// Notifications go from a sending socket per destination, as on the device.
 #include <algorithm>
 #include <cstring>
 #include <utility>
@@ -13,8 +11,7 @@
 namespace sim {
 namespace {
 
-// The text of a fixed path field into out: 0, or the real service's errno
-// for a field with no NUL or an empty one.
+// 0, or the real service's errno for a path field with no NUL or an empty one.
 int path_text(const char (&field)[VK_IPC_PATH_MAX], std::string &out) {
     const char *end = std::find(field, field + VK_IPC_PATH_MAX, '\0');
     if (end == field + VK_IPC_PATH_MAX) return ENAMETOOLONG;
@@ -22,7 +19,6 @@ int path_text(const char (&field)[VK_IPC_PATH_MAX], std::string &out) {
     return out.empty() ? EINVAL : 0;
 }
 
-// The IPC socket of handle h, or null.
 const Socket *ipc_socket(const vk_ipc_handle_t *h) {
     const Socket *s = find_socket(h->sock);
     return s && s->ipc ? s : nullptr;
@@ -137,8 +133,7 @@ int vk_ipc_recv_large(fd_set *set, vk_ipc_recv_desc_t *rec, uint8_t *received) {
     if (!set || !FD_ISSET(fd, set) || s->input.empty()) return 0;
     const sim::Pending p = std::move(s->input.front());
     s->input.pop_front();
-    // The buffer holds at most one whole envelope; the check sees the true
-    // size, so an oversized datagram is refused rather than cut.
+    // The check sees the true size, so an oversized datagram is refused, not cut.
     if (!p.bytes.empty()) std::memcpy(rec->msg, p.bytes.data(), std::min(p.bytes.size(), VK_IPC_MSG_MAX));
     // A sender path too long for the field is handed out empty, as by the real one.
     if (p.sender.size() < VK_IPC_PATH_MAX) std::memcpy(rec->sender, p.sender.c_str(), p.sender.size() + 1);

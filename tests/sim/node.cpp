@@ -15,10 +15,10 @@ void node_set_serial(const std::string &serial) { world().serial = serial; }
 
 }  // namespace sim
 
-// Twelve digits and a NUL: a smaller buffer is refused, as by the real service.
+// As the real service: a buffer too small for twelve digits and a NUL is
+// refused, longer text is cut to the buffer.
 static constexpr int kMacTextSize = 13;
 
-// Longer text is cut to the buffer, as the real service cuts $VK_NODE_VAP_MAC.
 int vk_get_node_vap_mac(int, char *buf, int size) {
     const auto &mac = sim::world().mac;
     if (!mac || !buf || size < kMacTextSize) return -1;

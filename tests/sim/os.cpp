@@ -11,7 +11,6 @@ namespace sim {
 
 const std::vector<SyslogLine> &syslog_lines() { return world().syslog; }
 
-// The uptime holds at the current virtual time and grows with the clock.
 void set_uptime(long seconds, bool fail) {
     world().uptime_s = seconds;
     world().uptime_at_us = world().now_us;

@@ -1,5 +1,4 @@
-// In-memory UDP: AF_INET datagram sockets on fake descriptors. Sends are
-// captured, the test injects what the daemon receives.
+// In-memory UDP: sends are captured, the test injects what the daemon receives.
 #include <arpa/inet.h>
 
 #include <algorithm>
@@ -12,8 +11,7 @@
 namespace sim {
 namespace {
 
-// The UDP socket behind fd, or null with errno set as the kernel would
-// (IPC has calls of its own: the daemon never uses these on it).
+// The UDP socket behind fd, or null with errno set as the kernel would.
 Socket *udp_socket(int fd) {
     Socket *s = find_socket(fd);
     if (s && !s->ipc) return s;

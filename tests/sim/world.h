@@ -96,10 +96,10 @@ Socket *find_socket(int fd);
 bool close_fd(int fd);                   // drops the socket and its registrations; false when not open
 void push_input(Socket &s, Pending p);   // stamped with the next injection number
 int ipc_fd_of(const std::string &path);  // the IPC endpoint at path, or -1
-// Whether a send from IPC socket from to peer finds room now: the sender's budget
-// is not used up and the receiver's queue not past its length, as the kernel checks.
+// Whether a send finds room now, as the kernel checks: the sender's budget not
+// used up, the receiver's queue not past its length. writable(): UDP always,
+// IPC when that holds and its peer is not set full.
 bool has_room(int from, const std::string &peer);
-// Whether a send on fd finds room now: UDP always, IPC as above unless its peer is set full.
 bool writable(int fd);
 
 }  // namespace sim
