@@ -1,9 +1,9 @@
-// The event loop on the virtual clock: same ordering rules as the real one
-// (at each instant the timeouts due first, then the sockets ready), but time
-// only moves when a timeout is due or a run_for ends.
+// The event loop on the virtual clock: the real one's ordering (at each instant
+// the timeouts due, then the sockets ready), but time jumps to the next expiry.
 #include <algorithm>
 #include <csignal>
 #include <cstdint>
+#include <set>
 #include <utility>
 
 #include "platform/eloop.h"
@@ -21,49 +21,38 @@ bool still_pending(int fd, uint64_t seq) {
     return s && std::any_of(s->input.begin(), s->input.end(), [seq](const Pending &p) { return p.seq == seq; });
 }
 
-// Calls the write handler of every registered socket that has room, once.
-// True when one of them did something: sent, or changed registrations.
-bool handle_writable() {
-    World &w = world();
-    std::vector<int> ready;
-    for (const auto &[fd, ws] : w.write_socks)
-        if (writable(fd)) ready.push_back(fd);
-    bool acted = false;
-    for (int fd : ready) {
-        if (stopped()) break;
-        auto it = w.write_socks.find(fd);
-        if (it == w.write_socks.end() || !writable(fd)) continue;
-        const SockReg ws = it->second;
-        const std::size_t sends = w.ipc_sent.size() + w.udp_sent.size(), regs = w.write_socks.size();
-        ws.handler(fd, ws.ctx1, ws.ctx2);
-        acted = acted || sends != w.ipc_sent.size() + w.udp_sent.size() || regs != w.write_socks.size();
-    }
-    return acted;
+// False when fd has no handler in socks any more or the loop is stopped.
+bool call(const std::map<int, SockReg> &socks, int fd) {
+    auto it = socks.find(fd);
+    if (stopped() || it == socks.end()) return false;
+    const SockReg r = it->second;
+    r.handler(fd, r.ctx1, r.ctx2);
+    return true;
 }
 
-// Calls the handler of every registered socket once per pending datagram, in
-// injection order, then the handlers of sockets with room to write, then again
-// for what the callbacks left or added, until a pass changes nothing. A
-// handler that never reads cannot hang the world.
+// Read handlers once per pending datagram in injection order, then write
+// handlers of sockets with room, again until a round reads, sends and
+// (un)registers nothing: a handler that never reads cannot hang the world.
 void handle_sockets() {
     World &w = world();
-    for (;;) {
+    for (bool acted = true; acted && !stopped();) {
+        acted = false;
         std::vector<std::pair<uint64_t, int>> due;
         for (const auto &[fd, rs] : w.read_socks)
             if (const Socket *s = find_socket(fd))
                 for (const Pending &p : s->input) due.emplace_back(p.seq, fd);
         std::sort(due.begin(), due.end());
-        bool consumed = false;
-        for (const auto &[seq, fd] : due) {
-            if (stopped()) return;
-            // Earlier callbacks may have read it, closed fd or unregistered it.
-            auto it = w.read_socks.find(fd);
-            if (it == w.read_socks.end() || !still_pending(fd, seq)) continue;
-            const SockReg rs = it->second;
-            rs.handler(fd, rs.ctx1, rs.ctx2);
-            consumed = consumed || !still_pending(fd, seq);
+        // Earlier callbacks may have read it, closed fd or unregistered it.
+        for (const auto &[seq, fd] : due)
+            if (still_pending(fd, seq) && call(w.read_socks, fd)) acted = acted || !still_pending(fd, seq);
+        std::vector<int> ready;
+        for (const auto &[fd, ws] : w.write_socks)
+            if (writable(fd)) ready.push_back(fd);
+        for (int fd : ready) {
+            const std::size_t sends = w.ipc_sent.size() + w.udp_sent.size(), regs = w.write_socks.size();
+            if (writable(fd) && call(w.write_socks, fd))
+                acted = acted || sends != w.ipc_sent.size() + w.udp_sent.size() || regs != w.write_socks.size();
         }
-        if (stopped() || (!handle_writable() && !consumed)) return;
     }
 }
 
@@ -71,12 +60,8 @@ void handle_sockets() {
 // loop does; a termination wins over the others.
 void deliver_signals() {
     World &w = world();
-    std::vector<int> raised;
-    raised.swap(w.raised);
-    std::sort(raised.begin(), raised.end());
-    raised.erase(std::unique(raised.begin(), raised.end()), raised.end());
-    for (int sig : raised)
-        if (sig == SIGTERM || sig == SIGINT) w.terminate = true;
+    const std::set<int> raised = std::exchange(w.raised, {});
+    if (raised.count(SIGTERM) || raised.count(SIGINT)) w.terminate = true;
     for (int sig : raised) {
         if (w.terminate) return;
         auto it = w.signals.find(sig);
@@ -84,34 +69,38 @@ void deliver_signals() {
     }
 }
 
-// Runs the timeouts due now that were registered before this pass, in order;
-// one registered meanwhile with no delay waits for the next pass, as in the
-// real loop. Each is removed before its call, so it may re-arm or cancel freely.
+// As in the real loop, a timeout registered during this pass with no delay waits
+// for the next one. Each is removed before its call, so it may re-arm or cancel.
 void run_due_timeouts() {
     World &w = world();
-    const uint64_t seq_limit = w.next_timeout_seq;
+    const uint64_t seq_limit = w.next_seq;
     while (!stopped() && !w.timeouts.empty()) {
-        const Timeout t = w.timeouts.front();
-        if (t.expiry_us > w.now_us || t.seq >= seq_limit) return;
+        const auto [expiry, t] = *w.timeouts.begin();
+        if (expiry > w.now_us || t.seq >= seq_limit) return;
         w.timeouts.erase(w.timeouts.begin());
         t.handler(t.ctx1, t.ctx2);
     }
 }
 
-// One pass at the current instant; then the clock moves to the next expiry
-// unless something is due now already or the next lies past end. False when
-// the clock cannot move (nothing pending, or past end).
+// One pass at the current instant, then the clock to the next expiry; false
+// when it cannot move (nothing pending, or the next past end).
 bool pass_and_advance(uint64_t end) {
     World &w = world();
     deliver_signals();
     if (!stopped()) run_due_timeouts();
     if (!stopped()) handle_sockets();
-    if (stopped() || w.timeouts.empty() || w.timeouts.front().expiry_us > end) return false;
-    w.now_us = std::max(w.now_us, w.timeouts.front().expiry_us);
+    if (stopped() || w.timeouts.empty() || w.timeouts.begin()->first > end) return false;
+    w.now_us = std::max(w.now_us, w.timeouts.begin()->first);
     return true;
 }
 
-bool matches(void *want, void *have) { return want == VK_ELOOP_ANY || want == have; }
+// Registering again replaces the handler and contexts, as in the real loop.
+int register_sock(std::map<int, SockReg> &socks, int sock, vk_eloop_sock_handler handler, void *ctx1, void *ctx2) {
+    if (sock < 0 || !handler) return fail(EINVAL);
+    if (!find_socket(sock)) return fail(EBADF);  // not of the world: epoll would refuse it too
+    socks[sock] = SockReg{handler, ctx1, ctx2};
+    return 0;
+}
 
 }  // namespace
 
@@ -124,20 +113,18 @@ void run_for(uint64_t us) {
     w.now_us = end;
 }
 
-void settle() { run_for(0); }
-
-void raise_signal(int sig) { world().raised.push_back(sig); }
+void raise_signal(int sig) { world().raised.insert(sig); }
 
 std::size_t pending_timeouts() { return world().timeouts.size(); }
 
 std::size_t pending_timeouts(vk_eloop_timeout_handler h) {
     const auto &ts = world().timeouts;
-    return std::count_if(ts.begin(), ts.end(), [h](const Timeout &t) { return t.handler == h; });
+    return std::count_if(ts.begin(), ts.end(), [h](const auto &e) { return e.second.handler == h; });
 }
 
 std::optional<uint64_t> next_timeout_of(vk_eloop_timeout_handler h) {
-    for (const Timeout &t : world().timeouts)
-        if (t.handler == h) return t.expiry_us;
+    for (const auto &[expiry, t] : world().timeouts)
+        if (t.handler == h) return expiry;
     return std::nullopt;
 }
 
@@ -146,8 +133,7 @@ std::optional<uint64_t> next_timeout_of(vk_eloop_timeout_handler h) {
 using sim::fail;
 using sim::world;
 
-// As the real loop: calling it again starts afresh, no sockets watched, no
-// timeouts, not terminating. The clock and the sockets themselves stay.
+// As the real loop: calling it again starts afresh, but clock and sockets stay.
 int vk_eloop_init(void *) {
     sim::World &w = world();
     w.terminate = false;
@@ -159,31 +145,20 @@ int vk_eloop_init(void *) {
 }
 
 int vk_eloop_register_signal(int sig, vk_eloop_signal_handler handler, void *ctx) {
-    if (sig <= 0 || sig > 64 || sig == SIGTERM || sig == SIGINT || sig == SIGKILL || sig == SIGSTOP) return fail(EINVAL);
+    if (sig <= 0 || sig > 64 || sig == SIGTERM || sig == SIGINT || sig == SIGKILL || sig == SIGSTOP)
+        return fail(EINVAL);
     world().signals[sig] = sim::SignalReg{handler, ctx};
     return 0;
 }
 
-namespace {
-// Enters a read or write registration into socks; registering again replaces
-// the handler and contexts, as in the real loop.
-int register_sock(std::map<int, sim::SockReg> &socks, int sock, vk_eloop_sock_handler handler, void *eloop_ctx,
-                  void *sock_ctx) {
-    if (sock < 0 || !handler) return fail(EINVAL);
-    if (!sim::find_socket(sock)) return fail(EBADF);  // not of the world: epoll would refuse it too
-    socks[sock] = sim::SockReg{handler, eloop_ctx, sock_ctx};
-    return 0;
-}
-}  // namespace
-
 int vk_eloop_register_read_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx, void *sock_ctx) {
-    return register_sock(world().read_socks, sock, handler, eloop_ctx, sock_ctx);
+    return sim::register_sock(world().read_socks, sock, handler, eloop_ctx, sock_ctx);
 }
 
 void vk_eloop_unregister_read_sock(int sock) { world().read_socks.erase(sock); }
 
 int vk_eloop_register_write_sock(int sock, vk_eloop_sock_handler handler, void *eloop_ctx, void *sock_ctx) {
-    return register_sock(world().write_socks, sock, handler, eloop_ctx, sock_ctx);
+    return sim::register_sock(world().write_socks, sock, handler, eloop_ctx, sock_ctx);
 }
 
 void vk_eloop_unregister_write_sock(int sock) { world().write_socks.erase(sock); }
@@ -191,23 +166,20 @@ void vk_eloop_unregister_write_sock(int sock) { world().write_socks.erase(sock);
 int vk_eloop_register_timeout(unsigned int secs, unsigned int usecs, vk_eloop_timeout_handler handler, void *eloop_ctx,
                               void *user_ctx) {
     if (!handler) return fail(EINVAL);
-    auto &ts = world().timeouts;
     const uint64_t expiry = world().now_us + uint64_t{secs} * 1000000 + usecs;
-    // After every timeout with the same expiry: those were registered first.
-    auto at = std::upper_bound(ts.begin(), ts.end(), expiry,
-                               [](uint64_t e, const sim::Timeout &t) { return e < t.expiry_us; });
-    ts.insert(at, sim::Timeout{expiry, world().next_timeout_seq++, handler, eloop_ctx, user_ctx});
+    world().timeouts.emplace(expiry, sim::Timeout{world().next_seq++, handler, eloop_ctx, user_ctx});
     return 0;
 }
 
 int vk_eloop_cancel_timeout(vk_eloop_timeout_handler handler, void *eloop_ctx, void *user_ctx) {
-    return static_cast<int>(std::erase_if(world().timeouts, [&](const sim::Timeout &t) {
-        return t.handler == handler && sim::matches(eloop_ctx, t.ctx1) && sim::matches(user_ctx, t.ctx2);
+    const auto matches = [](void *want, void *have) { return want == VK_ELOOP_ANY || want == have; };
+    return static_cast<int>(std::erase_if(world().timeouts, [&](const auto &e) {
+        const sim::Timeout &t = e.second;
+        return t.handler == handler && matches(eloop_ctx, t.ctx1) && matches(user_ctx, t.ctx2);
     }));
 }
 
-// Runs until terminated or until nothing can happen any more: no timeout is
-// pending and no registered socket has input its handler will read.
+// Runs until terminated or until nothing can happen any more.
 void vk_eloop_run(void) {
     sim::World &w = world();
     sim::in_run = true;

@@ -1,5 +1,4 @@
-// The event loop's contract against the simulated loop: virtual clock,
-// simulated IPC endpoints for the sockets.
+// The event loop's contract against the simulated loop, on simulated IPC endpoints.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -18,7 +17,6 @@ struct EloopWorld {
         EXPECT_EQ(vk_ipc_open(&a), 0);
         EXPECT_EQ(vk_ipc_open(&b), 0);
     }
-    ~EloopWorld() { sim::reset(); }
     int readable() {
         sim::ipc_inject(1, VK_IPC_F_NOTIFY, {}, "/vk/ipc/x", a.path);
         return a.sock;

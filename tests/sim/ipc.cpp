@@ -1,9 +1,6 @@
-// In-memory local IPC: endpoints by path on fake descriptors. Every send is
-// captured; sends to an endpoint open in the world are also delivered to it,
-// within that endpoint's queue length and charged to the sending socket's
-// budget until read, as the kernel does. Notifications go from a sending
-// socket per destination, responses from the handle's own endpoint; the
-// receiver sees the handle's path as the sender of both.
+// In-memory local IPC. Every send is captured, and delivered to an endpoint
+// open at its path within its queue length and the sending socket's budget.
+// Notifications go from a sending socket per destination, as on the device.
 #include <algorithm>
 #include <cstring>
 #include <utility>
@@ -14,8 +11,7 @@
 namespace sim {
 namespace {
 
-// The text of a fixed path field into out: 0, or the real service's errno
-// for a field with no NUL or an empty one.
+// 0, or the real service's errno for a path field with no NUL or an empty one.
 int path_text(const char (&field)[VK_IPC_PATH_MAX], std::string &out) {
     const char *end = std::find(field, field + VK_IPC_PATH_MAX, '\0');
     if (end == field + VK_IPC_PATH_MAX) return ENAMETOOLONG;
@@ -23,38 +19,20 @@ int path_text(const char (&field)[VK_IPC_PATH_MAX], std::string &out) {
     return out.empty() ? EINVAL : 0;
 }
 
-// The IPC socket of handle h, or null.
 const Socket *ipc_socket(const vk_ipc_handle_t *h) {
     const Socket *s = find_socket(h->sock);
     return s && s->ipc ? s : nullptr;
 }
 
-void set_flag(std::set<std::string> &paths, const std::string &path, bool on) {
-    if (on)
-        paths.insert(path);
-    else
-        paths.erase(path);
-}
-
 void queue_for(const std::string &to, std::vector<uint8_t> bytes, const std::string &sender, int from = -1) {
-    const int fd = ipc_fd_of(to);
-    if (fd < 0) return;
-    const std::size_t charge = bytes.size() + kIpcDatagramOverhead;
-    if (Socket *s = find_socket(from)) s->charged += charge;
-    push_input(*find_socket(fd), Pending{0, std::move(bytes), 0, 0, sender, from, charge});
+    if (Socket *s = find_socket(ipc_fd_of(to))) push_input(*s, Pending{0, std::move(bytes), 0, 0, sender, from});
 }
 
 // The sending socket of handle fd own for peer, made on first use; -1 with errno.
 int peer_sock(int own, const std::string &peer) {
     for (const auto &[fd, s] : world().sockets)
         if (s.ipc && s.owner == own && s.peer == peer) return fd;
-    const int fd = alloc_fd();
-    if (fd < 0) return fail(EMFILE);
-    Socket &s = world().sockets[fd];
-    s.ipc = true;
-    s.owner = own;
-    s.peer = peer;
-    return fd;
+    return open_socket(Socket{.ipc = true, .owner = own, .peer = peer});
 }
 
 int send(vk_ipc_send_desc_t *d, bool resp) {
@@ -66,22 +44,23 @@ int send(vk_ipc_send_desc_t *d, bool resp) {
     if (int err = path_text(d->peer, peer)) return fail(err);
     const Socket *own = ipc_socket(d->handle);
     if (!own) return fail(EBADF);
-    const bool missing = world().ipc_missing.count(peer) > 0, full = world().ipc_full.count(peer) > 0;
-    world().ipc_sent.push_back(IpcSent{world().now_us, d->kind, peer, m.type, m.len, m.flags,
-                                       std::vector<uint8_t>(m.payload, m.payload + m.len), !missing && !full,
-                                       !missing && full, false});
-    if (missing || full) return fail(missing ? ENOENT : EAGAIN);
+    World &w = world();
+    w.ipc_sent.push_back(IpcSent{w.now_us, d->kind, peer, m.type, m.len, m.flags,
+                                 std::vector<uint8_t>(m.payload, m.payload + m.len), false, false, false});
+    IpcSent &rec = w.ipc_sent.back();
+    if (w.ipc_missing[peer]) return fail(ENOENT);
+    rec.full = w.ipc_full[peer];
+    if (rec.full) return fail(EAGAIN);
     const int from = resp ? d->handle->sock : peer_sock(d->handle->sock, peer);
     if (from < 0) return -1;
-    const bool room = has_room(*find_socket(from), peer);
-    IpcSent &rec = world().ipc_sent.back();
-    rec.delivered = room;
-    rec.full = !room;
-    if (!room)
-        for (const auto &[fd, o] : world().sockets)
+    rec.full = !has_room(from, peer);
+    if (rec.full) {
+        for (const auto &[fd, o] : w.sockets)
             if (o.path != peer)
                 for (const Pending &p : o.input) rec.held_by_other = rec.held_by_other || p.charged_to == from;
-    if (!room) return fail(EAGAIN);
+        return fail(EAGAIN);
+    }
+    rec.delivered = true;
     const auto *raw = reinterpret_cast<const uint8_t *>(&m);
     queue_for(peer, std::vector<uint8_t>(raw, raw + VK_IPC_HDR_LEN + m.len), own->path, from);
     return 0;
@@ -104,21 +83,14 @@ void ipc_inject_raw(std::vector<uint8_t> bytes, const std::string &sender, const
     queue_for(to, std::move(bytes), sender);
 }
 
-void ipc_set_missing(const std::string &path, bool missing) { set_flag(world().ipc_missing, path, missing); }
-void ipc_set_full(const std::string &path, bool full) { set_flag(world().ipc_full, path, full); }
+void ipc_set_missing(const std::string &path, bool missing) { world().ipc_missing[path] = missing; }
+void ipc_set_full(const std::string &path, bool full) { world().ipc_full[path] = full; }
 
 void ipc_fail_open(int err) { world().ipc_fail_open = err; }
 
 void ipc_set_queue_len(const std::string &path, std::size_t len) {
     if (Socket *s = find_socket(ipc_fd_of(path))) s->queue_len = len;
 }
-
-std::size_t ipc_queued(const std::string &path) {
-    const Socket *s = find_socket(ipc_fd_of(path));
-    return s ? s->input.size() : 0;
-}
-
-bool ipc_is_open(const std::string &path) { return ipc_fd_of(path) >= 0; }
 
 }  // namespace sim
 
@@ -131,14 +103,9 @@ int vk_ipc_open(vk_ipc_handle_t *h) {
     std::string path;
     if (int err = std::exchange(world().ipc_fail_open, 0)) return fail(err);
     if (int err = sim::path_text(h->path, path)) return fail(err);
-    if (sim::ipc_is_open(path)) return fail(EADDRINUSE);
-    const int fd = sim::alloc_fd();
-    if (fd < 0) return fail(EMFILE);
-    sim::Socket &s = world().sockets[fd];
-    s.ipc = true;
-    s.path = path;
-    h->sock = fd;
-    return 0;
+    if (sim::ipc_fd_of(path) >= 0) return fail(EADDRINUSE);
+    h->sock = sim::open_socket(sim::Socket{.ipc = true, .path = path});
+    return h->sock < 0 ? -1 : 0;
 }
 
 void vk_ipc_close(vk_ipc_handle_t *h) {
@@ -166,9 +133,7 @@ int vk_ipc_recv_large(fd_set *set, vk_ipc_recv_desc_t *rec, uint8_t *received) {
     if (!set || !FD_ISSET(fd, set) || s->input.empty()) return 0;
     const sim::Pending p = std::move(s->input.front());
     s->input.pop_front();
-    sim::uncharge(p);
-    // The buffer holds at most one whole envelope; the check sees the true
-    // size, so an oversized datagram is refused rather than cut.
+    // The check sees the true size, so an oversized datagram is refused, not cut.
     if (!p.bytes.empty()) std::memcpy(rec->msg, p.bytes.data(), std::min(p.bytes.size(), VK_IPC_MSG_MAX));
     // A sender path too long for the field is handed out empty, as by the real one.
     if (p.sender.size() < VK_IPC_PATH_MAX) std::memcpy(rec->sender, p.sender.c_str(), p.sender.size() + 1);

@@ -2,6 +2,13 @@
 
 #include <cstring>
 
+namespace {
+std::vector<uint8_t> bytes_of(const void *v, std::size_t n) {
+    const auto *b = static_cast<const uint8_t *>(v);
+    return {b, b + n};
+}
+}  // namespace
+
 tovrin_app_msg_t app_header(int32_t src, const char *name, uint32_t id, uint32_t flags, int32_t dst, std::size_t len) {
     tovrin_app_msg_t h{};
     h.src_ep = src;
@@ -14,17 +21,12 @@ tovrin_app_msg_t app_header(int32_t src, const char *name, uint32_t id, uint32_t
 }
 
 std::vector<uint8_t> app_payload(const tovrin_app_msg_t &h, const std::vector<uint8_t> &data) {
-    std::vector<uint8_t> p(TOVRIN_APP_HDR_LEN);
-    std::memcpy(p.data(), &h, TOVRIN_APP_HDR_LEN);
+    std::vector<uint8_t> p = bytes_of(&h, TOVRIN_APP_HDR_LEN);
     p.insert(p.end(), data.begin(), data.end());
     return p;
 }
 
-std::vector<uint8_t> word_payload(uint32_t v) {
-    std::vector<uint8_t> p(4);
-    std::memcpy(p.data(), &v, 4);
-    return p;
-}
+std::vector<uint8_t> word_payload(uint32_t v) { return bytes_of(&v, sizeof v); }
 
 std::vector<uint8_t> key_payload(const std::vector<uint8_t> &key) {
     std::vector<uint8_t> p = word_payload(static_cast<uint32_t>(key.size()));

@@ -1,4 +1,4 @@
-// Node information of the simulated access point: fixed values a test may change.
+// Node information of the simulated access point.
 #include <algorithm>
 #include <cstring>
 #include <utility>
@@ -8,18 +8,17 @@
 
 namespace sim {
 
-// The real service writes twelve digits and a NUL; the sim hands out what the
-// test set, so a test can also feed the daemon malformed text.
+// Handed out as set, so a test can also feed the daemon malformed text.
 void node_set_mac(std::optional<std::string> text) { world().mac = std::move(text); }
 
 void node_set_serial(const std::string &serial) { world().serial = serial; }
 
 }  // namespace sim
 
-// Twelve digits and a NUL: a smaller buffer is refused, as by the real service.
+// As the real service: a buffer too small for twelve digits and a NUL is
+// refused, longer text is cut to the buffer.
 static constexpr int kMacTextSize = 13;
 
-// Longer text is cut to the buffer, as the real service cuts $VK_NODE_VAP_MAC.
 int vk_get_node_vap_mac(int, char *buf, int size) {
     const auto &mac = sim::world().mac;
     if (!mac || !buf || size < kMacTextSize) return -1;

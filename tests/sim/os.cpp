@@ -11,14 +11,11 @@ namespace sim {
 
 const std::vector<SyslogLine> &syslog_lines() { return world().syslog; }
 
-// The uptime holds at the current virtual time and grows with the clock.
 void set_uptime(long seconds, bool fail) {
     world().uptime_s = seconds;
     world().uptime_at_us = world().now_us;
     world().uptime_fail = fail;
 }
-
-void set_epoch(int64_t seconds) { world().epoch_s = seconds; }
 
 }  // namespace sim
 
@@ -33,7 +30,7 @@ int vk_os_sysinfo(struct sysinfo *info) {
 }
 
 time_t vk_os_time(time_t *t) {
-    const time_t now = static_cast<time_t>(world().epoch_s + static_cast<int64_t>(world().now_us / 1000000));
+    const time_t now = static_cast<time_t>(1700000000 + world().now_us / 1000000);  // a fixed epoch at time 0
     if (t) *t = now;
     return now;
 }

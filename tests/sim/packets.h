@@ -1,9 +1,7 @@
 #pragma once
-// Datagrams a simulated controller sends, for the daemon's tests, the fuzz
-// targets and the simulation. Well-formed data payloads, fragments and
-// acknowledgements come from drav-sim's codec (tools/drav-sim/), so the wire
-// format is encoded in one place; frame() and ctrl_packet() also make the
-// malformed datagrams the tests need. Nothing here depends on a test framework.
+// Datagrams a simulated controller sends, for tests, fuzz targets and the
+// simulation. Well-formed ones come from drav-sim's codec so the wire format
+// is encoded in one place; frame() and ctrl_packet() also make malformed ones.
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -25,10 +23,8 @@ inline std::vector<uint8_t> ka_response(uint16_t len_field = TOVRIN_KA_LEN, std:
 std::vector<uint8_t> ack_for(uint8_t ap_trans, uint8_t frag = 0);
 // A plain data payload ('!') from src to dst carrying data (at most 16372 bytes).
 std::vector<uint8_t> plain_payload(int32_t src, int32_t dst, const std::vector<uint8_t> &data);
-// An encrypted payload ('&') with the given key and IV (first 16 bytes used),
-// digest and ciphertext made; empty when the key cannot be set up.
+// An encrypted payload ('&') with key and IV (first 16 bytes); empty when the key cannot be set up.
 std::vector<uint8_t> enc_payload(int32_t src, int32_t dst, const std::vector<uint8_t> &data,
                                  const std::vector<uint8_t> &key, const std::vector<uint8_t> &iv);
-// Cuts a payload into controller fragments (flags 0x24, RETX on all when retx,
-// MORE_FRAGS on all but the last).
+// Controller fragments of payload (flags 0x24, RETX on all when retx, MORE_FRAGS on all but the last).
 std::vector<std::vector<uint8_t>> fragments(const std::vector<uint8_t> &payload, uint8_t ctlr_trans, bool retx = false);

@@ -23,7 +23,7 @@ uint64_t now_us();  // virtual time since reset()
 // clock to each timeout's expiry; ends with the clock at start + us.
 void run_for(uint64_t us);
 inline void run_for_ms(uint64_t ms) { run_for(ms * 1000); }
-void settle();  // run_for(0): what is due now, the clock standing still
+inline void settle() { run_for(0); }  // what is due now, the clock standing still
 // Sends sig to the daemon: handled at the next settle()/run_for() or round of
 // vk_eloop_run, before readable sockets, as the real loop reads its signal
 // pipe. SIGTERM and SIGINT end vk_eloop_run; a signal nobody took is lost.
@@ -80,11 +80,9 @@ void ipc_set_missing(const std::string &path, bool missing);
 // (recorded with delivered=false), and sockets sending to it are not writable.
 void ipc_set_full(const std::string &path, bool full);
 // The queue length of the endpoint open at path (net.unix.max_dgram_qlen
-// when it was made; default kernel's 10), and how many datagrams wait there.
+// when it was made; default kernel's 10).
 void ipc_set_queue_len(const std::string &path, std::size_t len);
-std::size_t ipc_queued(const std::string &path);
 void ipc_fail_open(int err);  // the next vk_ipc_open (0 disarms)
-bool ipc_is_open(const std::string &path);
 
 // ---- syslog ----
 struct SyslogLine {
@@ -100,9 +98,7 @@ const std::vector<SyslogLine> &syslog_lines();
 void node_set_mac(std::optional<std::string> text);
 void node_set_serial(const std::string &serial);
 // Uptime reported by sysinfo (default 4242 s; failing when fail is true).
+// time() and ftime() report 1700000000 s plus the virtual clock.
 void set_uptime(long seconds, bool fail = false);
-// Wall-clock seconds at virtual time 0 (default 1700000000); time() and ftime()
-// add the virtual clock to it.
-void set_epoch(int64_t seconds);
 
 }  // namespace sim

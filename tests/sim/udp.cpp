@@ -1,5 +1,4 @@
-// In-memory UDP: AF_INET datagram sockets on fake descriptors. Sends are
-// captured, the test injects what the daemon receives.
+// In-memory UDP: sends are captured, the test injects what the daemon receives.
 #include <arpa/inet.h>
 
 #include <algorithm>
@@ -12,8 +11,7 @@
 namespace sim {
 namespace {
 
-// The UDP socket behind fd, or null with errno set as the kernel would
-// (IPC has calls of its own: the daemon never uses these on it).
+// The UDP socket behind fd, or null with errno set as the kernel would.
 Socket *udp_socket(int fd) {
     Socket *s = find_socket(fd);
     if (s && !s->ipc) return s;
@@ -67,10 +65,7 @@ int vk_os_socket(int domain, int type, int protocol) {
     if (domain != AF_INET) return fail(EAFNOSUPPORT);
     if ((type & ~(SOCK_NONBLOCK | SOCK_CLOEXEC)) != SOCK_DGRAM || (protocol != 0 && protocol != IPPROTO_UDP))
         return fail(EPROTONOSUPPORT);
-    const int fd = sim::alloc_fd();
-    if (fd < 0) return fail(EMFILE);
-    world().sockets[fd] = sim::Socket{};
-    return fd;
+    return sim::open_socket(sim::Socket{});
 }
 
 int vk_os_bind(int fd, const struct sockaddr *addr, socklen_t len) {
@@ -116,37 +111,40 @@ ssize_t vk_os_sendto(int fd, const void *buf, size_t len, int, const struct sock
     return static_cast<ssize_t>(len);
 }
 
+namespace {
 // Bursts as the kernel does them: datagram after datagram, stopping at the
 // first that fails (an error only when it is the first).
-int vk_os_sendmmsg(int fd, struct mmsghdr *msgs, unsigned int n, int flags) {
+template <class One>
+int burst(mmsghdr *msgs, unsigned int n, One one) {
     if (world().udp_burst_missing) return fail(ENOSYS);
     for (unsigned i = 0; i < n; ++i) {
-        const msghdr &h = msgs[i].msg_hdr;
-        std::vector<uint8_t> bytes;
-        for (std::size_t k = 0; k < h.msg_iovlen; ++k) {
-            const auto *b = static_cast<const uint8_t *>(h.msg_iov[k].iov_base);
-            bytes.insert(bytes.end(), b, b + h.msg_iov[k].iov_len);
-        }
-        const ssize_t r =
-            vk_os_sendto(fd, bytes.data(), bytes.size(), flags, static_cast<const sockaddr *>(h.msg_name), h.msg_namelen);
+        const ssize_t r = one(msgs[i].msg_hdr);
         if (r < 0) return i > 0 ? int(i) : -1;
         msgs[i].msg_len = static_cast<unsigned>(r);
     }
     return int(n);
 }
+}  // namespace
 
+int vk_os_sendmmsg(int fd, struct mmsghdr *msgs, unsigned int n, int flags) {
+    return burst(msgs, n, [&](const msghdr &h) {
+        std::vector<uint8_t> bytes;
+        for (std::size_t k = 0; k < h.msg_iovlen; ++k) {
+            const auto *b = static_cast<const uint8_t *>(h.msg_iov[k].iov_base);
+            bytes.insert(bytes.end(), b, b + h.msg_iov[k].iov_len);
+        }
+        return vk_os_sendto(fd, bytes.data(), bytes.size(), flags, static_cast<const sockaddr *>(h.msg_name),
+                            h.msg_namelen);
+    });
+}
+
+// One buffer per datagram is all the daemon uses.
 int vk_os_recvmmsg(int fd, struct mmsghdr *msgs, unsigned int n, int flags) {
-    if (world().udp_burst_missing) return fail(ENOSYS);
-    for (unsigned i = 0; i < n; ++i) {
-        msghdr &h = msgs[i].msg_hdr;
-        // One buffer per datagram is all the daemon uses.
-        const ssize_t r = h.msg_iovlen != 1 ? fail(EINVAL)
-                                            : vk_os_recvfrom(fd, h.msg_iov[0].iov_base, h.msg_iov[0].iov_len, flags,
-                                                             static_cast<sockaddr *>(h.msg_name), &h.msg_namelen);
-        if (r < 0) return i > 0 ? int(i) : -1;
-        msgs[i].msg_len = static_cast<unsigned>(r);
-    }
-    return int(n);
+    return burst(msgs, n, [&](msghdr &h) {
+        return h.msg_iovlen != 1 ? fail(EINVAL)
+                                 : vk_os_recvfrom(fd, h.msg_iov[0].iov_base, h.msg_iov[0].iov_len, flags,
+                                                  static_cast<sockaddr *>(h.msg_name), &h.msg_namelen);
+    });
 }
 
 int vk_os_close(int fd) { return sim::close_fd(fd) ? 0 : fail(EBADF); }

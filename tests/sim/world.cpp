@@ -12,10 +12,12 @@ World &world() {
 
 void reset() { world() = World{}; }
 
-int alloc_fd() {
-    int fd = kFirstFd;  // the lowest free number, as the kernel hands them out
+int open_socket(Socket s) {
+    int fd = kFirstFd;
     while (world().sockets.count(fd)) ++fd;
-    return fd <= kLastFd ? fd : -1;
+    if (fd > kLastFd) return fail(EMFILE);
+    world().sockets[fd] = std::move(s);
+    return fd;
 }
 
 Socket *find_socket(int fd) {
@@ -23,35 +25,31 @@ Socket *find_socket(int fd) {
     return it == world().sockets.end() ? nullptr : &it->second;
 }
 
-// Closing a receiver frees what waits in its queue; closing a sender leaves
-// its datagrams queued but charged to nobody.
+// Closing a sender leaves its datagrams queued but charged to nobody, so a
+// socket that later gets its number starts with a whole budget.
 bool close_fd(int fd) {
     World &w = world();
     w.read_socks.erase(fd);
     w.write_socks.erase(fd);
-    auto it = w.sockets.find(fd);
-    if (it == w.sockets.end()) return false;
-    for (const Pending &p : it->second.input) uncharge(p);
-    w.sockets.erase(it);
+    if (!w.sockets.erase(fd)) return false;
     for (auto &[other, s] : w.sockets)
         for (Pending &p : s.input)
             if (p.charged_to == fd) p.charged_to = -1;
     return true;
 }
 
-void uncharge(const Pending &p) {
-    if (p.charged_to < 0) return;
-    if (Socket *from = find_socket(p.charged_to)) from->charged -= p.charge;
-}
-
-bool has_room(const Socket &from, const std::string &peer) {
+bool has_room(int from, const std::string &peer) {
+    std::size_t charged = 0;
+    for (const auto &[fd, s] : world().sockets)
+        for (const Pending &p : s.input)
+            if (p.charged_to == from) charged += p.bytes.size() + kIpcDatagramOverhead;
     const Socket *to = find_socket(ipc_fd_of(peer));
-    return from.charged < kIpcSendBudget && (!to || to->input.size() <= to->queue_len);
+    return charged < kIpcSendBudget && (!to || to->input.size() <= to->queue_len);
 }
 
 bool writable(int fd) {
     const Socket *s = find_socket(fd);
-    return s && (!s->ipc || (!world().ipc_full.count(s->peer) && has_room(*s, s->peer)));
+    return s && (!s->ipc || (!world().ipc_full[s->peer] && has_room(fd, s->peer)));
 }
 
 void push_input(Socket &s, Pending p) {

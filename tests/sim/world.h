@@ -1,6 +1,5 @@
 #pragma once
-// The simulated world's state, shared by the files of the simulated platform
-// only. Tests use sim.h; nothing here is part of the contract.
+// The simulated world's state, shared by the files of tests/sim only: tests use sim.h.
 #include <cerrno>
 #include <cstdint>
 #include <deque>
@@ -32,22 +31,20 @@ struct Pending {
     uint16_t port = 0;    // UDP sender, host order
     std::string sender;   // IPC sender path
     int charged_to = -1;  // IPC: the sending socket whose budget it uses while it waits
-    std::size_t charge = 0;
 };
 
 struct Socket {
-    bool ipc = false;   // else UDP
-    uint16_t port = 0;  // UDP: bound port, 0 while unbound
-    std::string path;   // IPC: endpoint path; empty for a sending socket
-    std::deque<Pending> input;
-    int owner = -1;     // IPC sending socket: of handle fd owner, connected to endpoint peer
-    std::string peer;
-    std::size_t charged = 0;  // budget used by datagrams waiting in receivers' queues
+    bool ipc = false;    // else UDP
+    uint16_t port = 0;   // UDP: bound port, 0 while unbound
+    std::string path{};  // IPC: endpoint path; empty for a sending socket
+    std::deque<Pending> input{};
+    int owner = -1;  // IPC sending socket: of handle fd owner, connected to endpoint peer
+    std::string peer{};
     std::size_t queue_len = kIpcDefaultQueueLen;
 };
 
 struct Timeout {
-    uint64_t expiry_us, seq;  // seq: registration order
+    uint64_t seq;
     vk_eloop_timeout_handler handler;
     void *ctx1, *ctx2;
 };
@@ -63,29 +60,28 @@ struct SignalReg {
 };
 
 struct World {
-    uint64_t now_us = 0, next_seq = 0, next_timeout_seq = 0;
+    uint64_t now_us = 0, next_seq = 0;  // next_seq orders both injections and timeout registrations
     bool terminate = false;
-    std::vector<Timeout> timeouts;  // by expiry, then registration order
+    std::multimap<uint64_t, Timeout> timeouts;  // by expiry, equal ones in registration order
     std::map<int, SockReg> read_socks, write_socks;
     std::map<int, Socket> sockets;
     std::map<int, SignalReg> signals;  // null handler: ignored
-    std::vector<int> raised;           // not yet handled, oldest first
+    std::set<int> raised;              // not yet handled
 
     std::vector<Datagram> udp_sent;
     int udp_fail_socket = 0, udp_fail_bind = 0;
     bool udp_burst_missing = false;
 
     std::vector<IpcSent> ipc_sent;
-    std::set<std::string> ipc_missing, ipc_full;
+    std::map<std::string, bool> ipc_missing, ipc_full;  // by peer path
     int ipc_fail_open = 0;
 
     std::vector<SyslogLine> syslog;
     std::optional<std::string> mac = "0013a9c0ffee";
     std::string serial = "SN-TEST-0001";
-    long uptime_s = 4242;      // at virtual time uptime_at_us, growing with the clock
+    long uptime_s = 4242;  // at virtual time uptime_at_us, growing with the clock
     uint64_t uptime_at_us = 0;
     bool uptime_fail = false;
-    int64_t epoch_s = 1700000000;
 };
 
 World &world();
@@ -95,17 +91,15 @@ inline int fail(int err) {
     return -1;
 }
 
-int alloc_fd();  // lowest free fake descriptor, or -1 when all are taken
+int open_socket(Socket s);  // on the lowest free fake descriptor, as the kernel hands them out; -1 with errno
 Socket *find_socket(int fd);
-bool close_fd(int fd);  // drops the socket and its registrations; false when not open
-void push_input(Socket &s, Pending p);  // stamped with the next injection number
+bool close_fd(int fd);                   // drops the socket and its registrations; false when not open
+void push_input(Socket &s, Pending p);   // stamped with the next injection number
 int ipc_fd_of(const std::string &path);  // the IPC endpoint at path, or -1
-// Whether a send from an IPC socket to peer finds room now: the sender's budget
-// is not used up and the receiver's queue not past its length, as the kernel checks.
-bool has_room(const Socket &from, const std::string &peer);
-// Whether a send on fd finds room now: UDP always, IPC as above unless its peer is set full.
+// Whether a send finds room now, as the kernel checks: the sender's budget not
+// used up, the receiver's queue not past its length. writable(): UDP always,
+// IPC when that holds and its peer is not set full.
+bool has_room(int from, const std::string &peer);
 bool writable(int fd);
-// Takes a read or dropped datagram's charge off its sender's budget.
-void uncharge(const Pending &p);
 
 }  // namespace sim
