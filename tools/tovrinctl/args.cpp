@@ -97,12 +97,9 @@ std::optional<uint64_t> parse_digits(std::string_view s, uint32_t base, uint64_t
     uint64_t v = 0;
     for (char ch : s) {
         uint32_t d = base;
-        if (ch >= '0' && ch <= '9')
-            d = uint32_t(ch - '0');
-        else if (ch >= 'a' && ch <= 'f')
-            d = uint32_t(ch - 'a' + 10);
-        else if (ch >= 'A' && ch <= 'F')
-            d = uint32_t(ch - 'A' + 10);
+        if (ch >= '0' && ch <= '9') d = uint32_t(ch - '0');
+        else if (ch >= 'a' && ch <= 'f') d = uint32_t(ch - 'a' + 10);
+        else if (ch >= 'A' && ch <= 'F') d = uint32_t(ch - 'A' + 10);
         if (d >= base) return std::nullopt;
         v = v * base + d;
         if (v > limit) return std::nullopt;
@@ -138,28 +135,23 @@ void print_usage() {
     for (const command_spec_t &c : command_table()) {
         const int form = 2 + int(c.usage.size());
         std::printf("  %.*s", TOVRIN_SV(c.usage));
-        if (form + 2 <= HELP_COL)
-            std::printf("%*s", HELP_COL - form, "");
-        else
-            std::printf("\n%*s", HELP_COL, "");
+        if (form + 2 <= HELP_COL) std::printf("%*s", HELP_COL - form, "");
+        else std::printf("\n%*s", HELP_COL, "");
         for (char ch : c.help)
-            if (ch == '\n')
-                std::printf("\n%*s", HELP_COL, "");
-            else
-                std::putchar(ch);
+            if (ch == '\n') std::printf("\n%*s", HELP_COL, "");
+            else std::putchar(ch);
         std::putchar('\n');
     }
-    std::printf(
-        "\n"
-        "Options:\n"
-        "  --timeout MS              wait this long for a response or answer (default 2000)\n"
-        "  --path PATH               daemon endpoint (default /vk/ipc/tovrin)\n"
-        "  -h, --help                print this text\n"
-        "  --version                 print the version\n"
-        "\n"
-        "Endpoint ids: %s. Paths are taken below $VK_IPC_ROOT.\n"
-        "Exit status: 0 success, 1 failure, 2 usage error.\n",
-        endpoint_ids());
+    std::printf("\n"
+                "Options:\n"
+                "  --timeout MS              wait this long for a response or answer (default 2000)\n"
+                "  --path PATH               daemon endpoint (default /vk/ipc/tovrin)\n"
+                "  -h, --help                print this text\n"
+                "  --version                 print the version\n"
+                "\n"
+                "Endpoint ids: %s. Paths are taken below $VK_IPC_ROOT.\n"
+                "Exit status: 0 success, 1 failure, 2 usage error.\n",
+                endpoint_ids());
 }
 
 void parse_args(std::span<char *const> args, parse_result_t &r) {

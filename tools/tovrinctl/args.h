@@ -44,9 +44,9 @@ inline constexpr std::size_t ERROR_MAX = 512;
 
 struct options_t {
     command_t cmd = command_t::status;
-    uint32_t timeout_ms = DEFAULT_TIMEOUT_MS;       // requests and answers
+    uint32_t timeout_ms = DEFAULT_TIMEOUT_MS;  // requests and answers
     char path[VK_IPC_PATH_MAX] = "/vk/ipc/tovrin";  // daemon endpoint
-    char warning[ERROR_MAX] = "";                   // printed to stderr, the command still runs
+    char warning[ERROR_MAX] = "";  // printed to stderr, the command still runs
 
     format_t format = format_t::text;  // status (text, json), stats
 

@@ -136,12 +136,9 @@ int run_request(const options_t &o) {
             report("%s", why);
             return 1;
         }
-        if (o.format == format_t::json)
-            print_stats_json(*c);
-        else if (o.format == format_t::prometheus)
-            print_stats_prometheus(*c);
-        else
-            print_stats_text(*c);
+        if (o.format == format_t::json) print_stats_json(*c);
+        else if (o.format == format_t::prometheus) print_stats_prometheus(*c);
+        else print_stats_text(*c);
         return 0;
     }
     if (o.cmd == command_t::status) {
@@ -261,9 +258,7 @@ int run_send(const options_t &o) {
     return failed ? 1 : 0;
 }
 
-int run_key(const options_t &o) {
-    return notify(o, TOVRIN_IPC_SET_KEY, encode_key(bytes_t(o.bytes, o.nbytes), g_payload));
-}
+int run_key(const options_t &o) { return notify(o, TOVRIN_IPC_SET_KEY, encode_key(bytes_t(o.bytes, o.nbytes), g_payload)); }
 int run_encrypt(const options_t &o) { return notify(o, TOVRIN_IPC_SET_ENCRYPT, encode_encrypt(o.state)); }
 int run_controller(const options_t &o) { return notify(o, TOVRIN_IPC_CTRL_IP, o.addr); }
 int run_karate(const options_t &o) { return notify(o, TOVRIN_IPC_KARATE, encode_karate(o.app_id, o.rate)); }

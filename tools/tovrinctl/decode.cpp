@@ -44,10 +44,8 @@ bool print_status(std::span<const uint8_t> payload, bool json) {
     if (payload.size() < 8) return false;
     const bool up = get<int32_t>(payload.data() + 4) == 1;
     const ipv4_text_t addr = format_ipv4(payload.data());
-    if (json)
-        std::printf("{\"controller\":\"%s\",\"link_state\":\"%s\"}\n", addr.s, up ? "up" : "down");
-    else
-        std::printf("controller %s link %s\n", addr.s, up ? "UP" : "DOWN");
+    if (json) std::printf("{\"controller\":\"%s\",\"link_state\":\"%s\"}\n", addr.s, up ? "up" : "down");
+    else std::printf("controller %s link %s\n", addr.s, up ? "UP" : "DOWN");
     return true;
 }
 
@@ -88,10 +86,8 @@ void print_endpoint_msg(uint32_t type, uint32_t env_flags, std::span<const uint8
         std::printf("MSG id=%u src=%d dst=%d len=%u data=", h->id, int(h->src_ep), int(h->dst_ep), h->len);
         bool text = true;
         for (uint8_t b : data) text = text && b >= 0x20 && b <= 0x7e;
-        if (text)
-            std::fwrite(data.data(), 1, data.size(), stdout);
-        else
-            print_hex(data);
+        if (text) std::fwrite(data.data(), 1, data.size(), stdout);
+        else print_hex(data);
         std::putchar('\n');
     } else {
         std::printf("ANSWER id=%u dst=%d len=%u flags=0x%08x %s\n", h->id, int(h->dst_ep), h->len, h->flags,

@@ -18,7 +18,7 @@ constexpr std::string_view endpoint_path(int32_t id) {
 
 // The known ids, separated by spaces, for usage and error lines; made at
 // compile time (the ids are positive).
-inline constexpr std::array<char, 12 *TOVRIN_APP_EP_COUNT> ENDPOINT_IDS = [] {
+inline constexpr std::array<char, 12 * TOVRIN_APP_EP_COUNT> ENDPOINT_IDS = [] {
     std::array<char, 12 * TOVRIN_APP_EP_COUNT> s{};
     std::size_t n = 0;
     for (std::size_t i = 0; i < TOVRIN_APP_EP_COUNT; ++i) {

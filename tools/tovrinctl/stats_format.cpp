@@ -23,10 +23,8 @@ struct label_t {
 };
 label_t endpoint_label(std::size_t slot) {
     label_t l;
-    if (slot < TOVRIN_APP_EP_COUNT)
-        std::snprintf(l.s, sizeof l.s, "%d", int(app_ep[slot].id));
-    else
-        std::snprintf(l.s, sizeof l.s, "other");
+    if (slot < TOVRIN_APP_EP_COUNT) std::snprintf(l.s, sizeof l.s, "%d", int(app_ep[slot].id));
+    else std::snprintf(l.s, sizeof l.s, "other");
     return l;
 }
 
@@ -111,8 +109,8 @@ void print_stats_text(const tovrin_counters_t &c) {
 }
 
 void print_stats_json(const tovrin_counters_t &c) {
-    std::printf("{\"link_state\":\"%s\",\"controller\":\"%s\",\"seconds_in_state\":%" PRIu64, c.link_up ? "up" : "down",
-                controller_of(c).s, uint64_t(c.seconds_in_state));
+    std::printf("{\"link_state\":\"%s\",\"controller\":\"%s\",\"seconds_in_state\":%" PRIu64,
+                c.link_up ? "up" : "down", controller_of(c).s, uint64_t(c.seconds_in_state));
     for_each_plain(c, [](const char *name, uint64_t v) { std::printf(",\"%s\":%" PRIu64, name, v); });
     std::fputs(",\"refused_by_reason\":{", stdout);
     for (std::size_t i = 0; i < TOVRIN_REFUSAL_COUNT; ++i)
